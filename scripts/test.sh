@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# The project's whole test run: installs what is missing, builds with warnings as errors,
+# runs every test, checks that an outside project links the installed package, then runs the
+# concurrency tests under ThreadSanitizer and everything under AddressSanitizer + UBSan.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+jobs=$(nproc)
+start=$(date +%s)
+
+scripts/install-deps.sh
+
+step() { printf '\n=== %s (%ss)\n' "$1" "$(( $(date +%s) - start ))"; }
+
+configure_and_build() { # <dir> <extra cmake args...>
+  local dir=$1; shift
+  cmake -S "$root" -B "$dir" -DWSB_WARNINGS_AS_ERRORS=ON "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+}
+
+step "build (warnings as errors)"
+configure_and_build build/ci -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_BUILD_BENCHMARKS=ON
+step "tests"
+ctest --test-dir build/ci --output-on-failure -j "$jobs"
+
+step "install and consumer check"
+rm -rf build/ci-install build/consumer
+cmake --install build/ci --prefix "$root/build/ci-install" >/dev/null
+cmake -S tests/consumer -B build/consumer -DCMAKE_PREFIX_PATH="$root/build/ci-install" >/dev/null
+cmake --build build/consumer -j "$jobs"
+build/consumer/consumer
+
+step "ThreadSanitizer build"
+configure_and_build build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_SANITIZER=thread
+step "concurrency tests under ThreadSanitizer"
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  ctest --test-dir build/tsan --output-on-failure -j "$jobs" -L concurrency
+
+step "AddressSanitizer + UBSan build"
+configure_and_build build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_SANITIZER=address
+step "all tests under AddressSanitizer + UBSan"
+ASAN_OPTIONS="detect_leaks=1" UBSAN_OPTIONS="print_stacktrace=1 halt_on_error=1" \
+  ctest --test-dir build/asan --output-on-failure -j "$jobs"
+
+step "all passed"
