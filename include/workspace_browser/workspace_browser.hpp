@@ -4,3 +4,9 @@
 #include <workspace_browser/Export.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 #include <workspace_browser/platform/ThreadName.hpp>
+#include <workspace_browser/platform/message_service/Future.hpp>
+#include <workspace_browser/platform/message_service/JsonMessage.hpp>
+#include <workspace_browser/platform/message_service/LocalMessageService.hpp>
+#include <workspace_browser/platform/message_service/MessageService.hpp>
+#include <workspace_browser/platform/message_service/Promise.hpp>
+#include <workspace_browser/platform/message_service/Subscription.hpp>
