@@ -10,3 +10,6 @@
 #include <workspace_browser/platform/message_service/MessageService.hpp>
 #include <workspace_browser/platform/message_service/Promise.hpp>
 #include <workspace_browser/platform/message_service/Subscription.hpp>
+#include <workspace_browser/platform/i18n/MessageCatalog.hpp>
+#include <workspace_browser/platform/i18n/MessageID.hpp>
+#include <workspace_browser/platform/settings/Settings.hpp>
