@@ -4,6 +4,10 @@
 #include <workspace_browser/Export.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 #include <workspace_browser/platform/ThreadName.hpp>
+#include <workspace_browser/platform/json/ParseResult.hpp>
+#include <workspace_browser/platform/json/ParserException.hpp>
+#include <workspace_browser/platform/json/Serialize.hpp>
+#include <workspace_browser/platform/json/Value.hpp>
 #include <workspace_browser/platform/message_service/Future.hpp>
 #include <workspace_browser/platform/message_service/JsonMessage.hpp>
 #include <workspace_browser/platform/message_service/LocalMessageService.hpp>
