@@ -31,6 +31,10 @@ public:
 
 private:
     using Function = boost::function<void()>;
+    // Queue pages come from the ordinary heap rather than oneTBB's default allocator, which
+    // hands freed pages from the worker back to pushers inside libtbbmalloc where
+    // ThreadSanitizer cannot see the ordering; one page serves many items, so the cost is small.
+    using Queue = tbb::concurrent_bounded_queue<Function, std::allocator<Function>>;
 
     void enqueue(Function item);
     void startThread();
@@ -43,7 +47,7 @@ private:
     std::atomic<bool> mTerminating{false};
     std::atomic<bool> mStopWorker{false};
     std::atomic<std::int32_t> mPushesInFlight{0};
-    tbb::concurrent_bounded_queue<Function> mQueue;
+    Queue mQueue;
     boost::thread mWorker;
     boost::once_flag mStartOnce = BOOST_ONCE_INIT;
     std::string mName;
