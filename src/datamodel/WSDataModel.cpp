@@ -205,14 +205,17 @@ void WSDataModel::storeHostRecords(const std::vector<WSVariable>& records,
                                    const std::function<void()>& done) {
     WSB_LOG(logger(), kLogLevel) << "STEP 2";
     int missing = 0;
+    const bool logEachRecord = logger().enabled(kLogLevel);
     {
         std::lock_guard<std::mutex> lock(mCacheMutex);
         for (const WSVariable& record : records) {
-            WSB_LOG(logger(), kLogLevel)
-                << "Workspace Display Name=" << ShortName{record.name, kMaxLoggedNameChars}
-                << " Value=" << record.value << " Class=" << record.className
-                << " Size=" << record.size << " IsSummary=" << int{record.isSummary}
-                << " IsDirty=" << int{record.isDirty};
+            if (logEachRecord) {
+                WSB_LOG(logger(), kLogLevel)
+                    << "Workspace Display Name=" << ShortName{record.name, kMaxLoggedNameChars}
+                    << " Value=" << record.value << " Class=" << record.className
+                    << " Size=" << record.size << " IsSummary=" << int{record.isSummary}
+                    << " IsDirty=" << int{record.isDirty};
+            }
             // Records for names never requested land in the map only, so they do not change
             // the workspace size that view models see.
             mVariableMap[record.name] = record;
@@ -241,6 +244,8 @@ void WSDataModel::processCallbackForVariables(const std::vector<std::string>& va
                                               const WSVariablesCallback& callback) {
     std::vector<WSVariable> result;
     result.reserve(variableNames.size());
+    // Asking the log filters once per page rather than once per row keeps page requests cheap.
+    const bool logEachName = logger().enabled(kLogLevel);
     {
         std::lock_guard<std::mutex> lock(mCacheMutex);
         for (const std::string& name : variableNames) {
@@ -249,7 +254,9 @@ void WSDataModel::processCallbackForVariables(const std::vector<std::string>& va
                 logUnknownVariable(name);
                 continue;
             }
-            WSB_LOG(logger(), kLogLevel) << "Adding result for " << name;
+            if (logEachName) {
+                WSB_LOG(logger(), kLogLevel) << "Adding result for " << name;
+            }
             result.push_back(found->second);
         }
     }
