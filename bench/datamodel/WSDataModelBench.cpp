@@ -1,0 +1,145 @@
+#include <workspace_browser/datamodel/WSDataModel.hpp>
+#include <workspace_browser/platform/DiagnosticLogger.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <malloc.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace workspace_browser_startup;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+// A sink that keeps nothing, as in a host that logs only warnings: without any sink Boost.Log
+// would print every record, and the timings would measure the console.
+void quietLogs() {
+    static const std::shared_ptr<void> sink = foundation::log::addConsoleSink(0);
+}
+
+Names makeNames(std::size_t count) {
+    Names names;
+    names.reserve(count);
+    char buffer[32];
+    for (std::size_t i = 0; i < count; ++i) {
+        std::snprintf(buffer, sizeof buffer, "var_%07zu", i);
+        names.emplace_back(buffer);
+    }
+    return names;
+}
+
+// Answers at once with records whose texts look like a numeric row vector's.
+void answerWithFilledRecords(const Names& names, Names, bool, double,
+                             const WorkspaceDisplayResultCallback& onResult) {
+    std::vector<WSVariable> records;
+    records.reserve(names.size());
+    for (const auto& name : names) {
+        records.push_back(WSVariable{.name = name,
+                                     .size = "1x10",
+                                     .className = "double",
+                                     .value = "[1,2,3,4,5,6,7,8,9,10]",
+                                     .iconClass = "double",
+                                     .min = "1",
+                                     .max = "10",
+                                     .range = "9",
+                                     .mean = "5.5000",
+                                     .median = "5.5000",
+                                     .mode = "1",
+                                     .std = "3.0277",
+                                     .var = "9.1667",
+                                     .bytes = "80"});
+    }
+    onResult(records);
+}
+
+std::unique_ptr<WSDataModel> makeModel() {
+    quietLogs();
+    return std::make_unique<WSDataModel>(
+        [](const WSListenersSubscriptionCallback&) { return Connection(); },
+        [](const Names& names, Names fields, bool computeStats, double statsLimit,
+           WorkspaceDisplayResultCallback onResult) {
+            answerWithFilledRecords(names, std::move(fields), computeStats, statsLimit, onResult);
+        },
+        [] {});
+}
+
+const Names kFields = {"Class", "Name", "Size", "Value"};
+
+void BM_ChangedBatchOfNewNames(benchmark::State& state) {
+    const Names names = makeNames(static_cast<std::size_t>(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto model = makeModel();
+        WSListenersSubscriptionCallbackArg batch{{EventType::VARIABLE_CHANGED, names}};
+        state.ResumeTiming();
+        model->handleWSEvent(std::move(batch));
+        state.PauseTiming();
+        model.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_ChangedBatchOfNewNames)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void BM_GetVariablesOfCleanNames(benchmark::State& state) {
+    const std::size_t cacheSize = static_cast<std::size_t>(state.range(0));
+    const Names names = makeNames(cacheSize);
+    auto model = makeModel();
+    model->handleWSEvent({{EventType::VARIABLE_CHANGED, names}});
+    model->getVariables(names, kFields, false, 0, nullptr, false); // every record clean now
+
+    // Pages of 50 rows spread over the whole workspace.
+    std::vector<Names> pages;
+    for (std::size_t start = 0; start + 50 <= cacheSize; start += cacheSize / 64)
+        pages.emplace_back(names.begin() + static_cast<std::ptrdiff_t>(start),
+                           names.begin() + static_cast<std::ptrdiff_t>(start + 50));
+    std::size_t delivered = 0;
+    const WSVariablesCallback callback = [&delivered](std::vector<WSVariable> records) {
+        delivered += records.size();
+    };
+    std::size_t page = 0;
+    for (auto _ : state) {
+        model->getVariables(pages[page], kFields, false, 0, callback, false);
+        page = (page + 1) % pages.size();
+    }
+    if (delivered != 50 * static_cast<std::size_t>(state.iterations()))
+        state.SkipWithError("clean records were fetched again or not delivered");
+    state.SetItemsProcessed(state.iterations() * 50);
+}
+BENCHMARK(BM_GetVariablesOfCleanNames)->Arg(1000000)->Unit(benchmark::kMicrosecond);
+
+std::size_t heapInUse() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// Heap bytes per cached variable: right after a changed-variables event (name only) and after
+// the host filled every record with typical texts.
+void BM_MemoryPerCachedVariable(benchmark::State& state) {
+    const std::size_t count = static_cast<std::size_t>(state.range(0));
+    const Names names = makeNames(count);
+    double namesOnly = 0;
+    double filled = 0;
+    for (auto _ : state) {
+        auto model = makeModel();
+        const std::size_t before = heapInUse();
+        model->handleWSEvent({{EventType::VARIABLE_CHANGED, names}});
+        const std::size_t afterEvent = heapInUse();
+        model->getVariables(names, kFields, false, 0, nullptr, false);
+        const std::size_t afterFetch = heapInUse();
+        namesOnly = static_cast<double>(afterEvent - before) / static_cast<double>(count);
+        filled = static_cast<double>(afterFetch - before) / static_cast<double>(count);
+    }
+    state.counters["bytes_per_variable_name_only"] = namesOnly;
+    state.counters["bytes_per_variable_filled"] = filled;
+}
+BENCHMARK(BM_MemoryPerCachedVariable)->Arg(100000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,469 @@
+#include <workspace_browser/datamodel/WSDataModel.hpp>
+#include <workspace_browser/platform/DiagnosticLogger.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+using namespace workspace_browser_startup;
+
+namespace {
+
+using Names = std::vector<std::string>;
+using Batch = WSListenersSubscriptionCallbackArg;
+
+EventInfo event(EventType type, Names names = {}) {
+    return EventInfo{type, std::move(names)};
+}
+
+// Stands in for the host: hands out the event subscription, answers fetches synchronously,
+// later (from whichever thread calls drain) or by throwing, and counts trigger requests.
+// Thread-safe.
+class ScriptedHost {
+public:
+    enum class Answer { Synchronously, Later, Throw };
+    struct Request {
+        Names names;
+        Names fields;
+        bool computeStats;
+        double statsLimit;
+    };
+
+    std::unique_ptr<WSDataModel> makeModel() {
+        return std::make_unique<WSDataModel>(
+            [this](WSListenersSubscriptionCallback listener) {
+                mListener = std::move(listener);
+                return Connection(std::make_unique<Handle>(mDisconnected));
+            },
+            [this](const Names& names, Names fields, bool stats, double limit,
+                   WorkspaceDisplayResultCallback onResult) {
+                fetch(names, std::move(fields), stats, limit, std::move(onResult));
+            },
+            [this] { ++triggers; });
+    }
+
+    // The records the host answers with; by default clean ones with made-up texts.
+    std::function<std::vector<WSVariable>(const Names&)> recordsFor = [](const Names& names) {
+        std::vector<WSVariable> records;
+        for (const auto& name : names)
+            records.push_back({.name = name, .value = "v:" + name});
+        return records;
+    };
+    std::atomic<Answer> answer{Answer::Synchronously};
+    std::atomic<int> triggers{0};
+
+    void fire(Batch batch) { mListener(std::move(batch)); }
+    bool disconnected() const { return *mDisconnected; }
+    std::vector<Request> requests() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mRequests;
+    }
+    // Answers every request left for later, on the calling thread.
+    void drain() {
+        while (true) {
+            std::function<void()> answerNow;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                if (mPending.empty())
+                    return;
+                answerNow = std::move(mPending.front());
+                mPending.pop_front();
+            }
+            answerNow();
+        }
+    }
+
+private:
+    struct Handle : ConnectionInterface {
+        explicit Handle(std::shared_ptr<std::atomic<bool>> flag) : flag(std::move(flag)) {}
+        std::unique_ptr<ConnectionInterface> clone() const override {
+            return std::make_unique<Handle>(flag);
+        }
+        void disconnect() override { *flag = true; }
+        std::shared_ptr<std::atomic<bool>> flag;
+    };
+
+    void fetch(const Names& names, Names fields, bool stats, double limit,
+               WorkspaceDisplayResultCallback onResult) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mRequests.push_back({names, std::move(fields), stats, limit});
+        if (answer == Answer::Later) {
+            mPending.push_back([this, names, onResult] { onResult(recordsFor(names)); });
+            return;
+        }
+        lock.unlock();
+        if (answer == Answer::Throw)
+            throw std::runtime_error("interpreter busy");
+        onResult(recordsFor(names));
+    }
+
+    mutable std::mutex mMutex;
+    WSListenersSubscriptionCallback mListener; // set once, before any event
+    std::shared_ptr<std::atomic<bool>> mDisconnected = std::make_shared<std::atomic<bool>>(false);
+    std::vector<Request> mRequests;
+    std::deque<std::function<void()>> mPending;
+};
+
+// The data model's records up to `maxLevel`, as "<level> <logger>: <text>" lines.
+class LogCapture {
+public:
+    explicit LogCapture(int maxLevel = 4)
+        : mSink(
+              foundation::log::addConsoleSink(maxLevel, "zentra::datatools::WSDataModel", &mOut)) {}
+    static std::string line(const std::string& text, int level = 4) {
+        return std::to_string(level) + " zentra::datatools::WSDataModel: " + text;
+    }
+    bool has(const std::string& text, int level = 4) const {
+        return ("\n" + mOut.str()).find("\n" + line(text, level) + "\n") != std::string::npos;
+    }
+    int countStarting(const std::string& text) const {
+        int count = 0;
+        std::istringstream lines(mOut.str());
+        for (std::string each; std::getline(lines, each);)
+            count += each.rfind(line(text), 0) == 0 ? 1 : 0;
+        return count;
+    }
+    std::string text() const { return mOut.str(); }
+
+private:
+    std::ostringstream mOut;
+    std::shared_ptr<void> mSink;
+};
+
+// Every delivery to one getVariables callback.
+struct Deliveries {
+    std::vector<std::vector<WSVariable>> calls;
+    WSVariablesCallback callback() {
+        return [this](std::vector<WSVariable> records) { calls.push_back(std::move(records)); };
+    }
+    Names names(std::size_t call) const {
+        Names names;
+        for (const auto& record : calls.at(call))
+            names.push_back(record.name);
+        return names;
+    }
+};
+
+} // namespace
+
+TEST(WSDataModel, SubscribesOnConstructionAndUnsubscribesOnDestruction) {
+    ScriptedHost host;
+    LogCapture log;
+    auto model = host.makeModel();
+    EXPECT_TRUE(log.has("Registered callback with WSListeners"));
+    EXPECT_FALSE(host.disconnected());
+    model.reset();
+    EXPECT_TRUE(host.disconnected());
+    EXPECT_THROW(WSDataModel(nullptr, nullptr, nullptr), std::bad_function_call);
+}
+
+TEST(WSDataModel, EventsUpdateTheCachePerKindAndAreForwardedWhole) {
+    ScriptedHost host;
+    auto model = host.makeModel();
+    std::vector<Batch> forwarded;
+    Connection subscription = model->subscribe([&](Batch batch) { forwarded.push_back(batch); });
+
+    LogCapture log;
+    const Batch batch = {event(EventType::VARIABLE_CHANGED, {"b", "a", "c"}),
+                         event(EventType::VARIABLE_ADDED, {"z"}),
+                         event(EventType::VARIABLE_DELETED, {"c", "ghost"}),
+                         event(static_cast<EventType>(7), {"y"})};
+    host.fire(batch);
+    EXPECT_EQ(model->getVariableNames(), (Names{"a", "b"}));
+    EXPECT_EQ(model->getSize(), 2U);
+    const auto map = model->getVariableMap();
+    ASSERT_EQ(map.size(), 2U);
+    EXPECT_TRUE(map.at("a").isDirty);
+    EXPECT_EQ(map.at("a").name, "a");
+    EXPECT_EQ(log.countStarting("Event not handled"), 2);
+    ASSERT_EQ(forwarded.size(), 1U);
+    EXPECT_EQ(forwarded[0], batch) << "unhandled kinds are forwarded too";
+    EXPECT_TRUE(log.has("callbacks.size()=1"));
+
+    // A change keeps the cached texts and only marks them out of date.
+    model->getVariables({"a"}, {"Value"}, false, 0, nullptr, false);
+    ASSERT_FALSE(model->getVariableMap().at("a").isDirty);
+    host.fire({event(EventType::VARIABLE_CHANGED, {"a"})});
+    EXPECT_TRUE(model->getVariableMap().at("a").isDirty);
+    EXPECT_EQ(model->getVariableMap().at("a").value, "v:a");
+
+    host.fire({event(EventType::WORKSPACE_CLEARED)});
+    EXPECT_EQ(model->getSize(), 0U);
+    EXPECT_TRUE(model->getVariableMap().empty());
+    EXPECT_TRUE(log.has("WSDataModel Handling WORKSPACE_CLEARED"));
+}
+
+TEST(WSDataModel, ChangedEventLogsAtMostTwentyFiveNames) {
+    ScriptedHost host;
+    auto model = host.makeModel();
+    Names thirty;
+    for (int i = 0; i < 30; ++i)
+        thirty.push_back("v" + std::to_string(i));
+
+    LogCapture log;
+    host.fire({event(EventType::VARIABLE_CHANGED, thirty)});
+    EXPECT_EQ(model->getSize(), 30U) << "every name is processed, not only the logged ones";
+    EXPECT_EQ(log.countStarting("PROCESSING (NEW)"), 25);
+    EXPECT_TRUE(log.has("PROCESSING (NEW)v24"));
+    EXPECT_TRUE(log.has("PROCESSING: and 5 more"));
+    EXPECT_TRUE(log.has("Received callback. events.size()=1"));
+
+    LogCapture exact;
+    host.fire({event(EventType::VARIABLE_CHANGED, Names(thirty.begin(), thirty.begin() + 25))});
+    EXPECT_EQ(exact.countStarting("PROCESSING "), 25);
+    EXPECT_EQ(exact.countStarting("PROCESSING (NEW)"), 0);
+    EXPECT_EQ(exact.countStarting("PROCESSING:"), 0);
+}
+
+TEST(WSDataModel, GetVariablesServesTheCacheFirstAndFetchesOnlyWhatIsOutOfDate) {
+    ScriptedHost host;
+    auto model = host.makeModel();
+    host.fire({event(EventType::VARIABLE_CHANGED, {"a", "b", "c"})});
+
+    LogCapture ordinary(4);
+    LogCapture detail(5);
+    Deliveries first;
+    model->getVariables({"b", "ghost", "a"}, {"Value", "Class"}, true, 1e6, first.callback(),
+                        false);
+    ASSERT_EQ(first.calls.size(), 2U);
+    EXPECT_EQ(first.names(0), (Names{"b", "a"}));
+    EXPECT_EQ(first.calls[0][0].value, "") << "the first delivery holds only what was cached";
+    EXPECT_EQ(first.calls[1][0].value, "v:b");
+    ASSERT_EQ(host.requests().size(), 1U);
+    const auto request = host.requests()[0];
+    EXPECT_EQ(request.names, (Names{"b", "a"})) << "unknown names are not fetched";
+    EXPECT_EQ(request.fields, (Names{"Class", "Value"}));
+    EXPECT_TRUE(request.computeStats);
+    EXPECT_EQ(request.statsLimit, 1e6);
+    const std::string unknown =
+        "We were asked for a variable that we don't have in our map. variableName=ghost";
+    EXPECT_EQ(ordinary.text().find(unknown), std::string::npos) << "logged at its own level";
+    EXPECT_TRUE(detail.has(unknown, 5));
+    EXPECT_TRUE(ordinary.has("getVariables, dirtyVariables size = 2, allDirty = true"));
+
+    // Clean records and the same fields in another order: served from the cache alone.
+    Deliveries second;
+    model->getVariables({"a", "b"}, {"Class", "Value"}, true, 1e6, second.callback(), false);
+    ASSERT_EQ(second.calls.size(), 1U);
+    EXPECT_EQ(second.calls[0][1].value, "v:b");
+    EXPECT_EQ(host.requests().size(), 1U);
+
+    // Only the changed one is fetched again, but another field list refetches all requested.
+    host.fire({event(EventType::VARIABLE_CHANGED, {"b"})});
+    model->getVariables({"a", "b"}, {"Class", "Value"}, true, 1e6, nullptr, false);
+    model->getVariables({"a", "b"}, {"Value"}, true, 1e6, nullptr, false);
+    ASSERT_EQ(host.requests().size(), 3U);
+    EXPECT_EQ(host.requests()[1].names, (Names{"b"}));
+    EXPECT_EQ(host.requests()[2].names, (Names{"a", "b"}));
+
+    // Forcing adds unknown names and refetches clean ones.
+    Deliveries forced;
+    model->getVariables({"new", "a"}, {"Value"}, false, 0, forced.callback(), true);
+    ASSERT_EQ(host.requests().size(), 4U);
+    EXPECT_EQ(host.requests()[3].names, (Names{"new", "a"}));
+    ASSERT_EQ(forced.calls.size(), 2U);
+    EXPECT_EQ(forced.names(0), (Names{"new", "a"}));
+    EXPECT_EQ(forced.calls[1][0].value, "v:new");
+    EXPECT_EQ(model->getVariableNames(), (Names{"a", "b", "c", "new"}));
+    EXPECT_TRUE(ordinary.has("Adding unmapped variable new"));
+}
+
+TEST(WSDataModel, HostMayAnswerLaterFromAnotherThread) {
+    ScriptedHost host;
+    host.answer = ScriptedHost::Answer::Later;
+    auto model = host.makeModel();
+    host.fire({event(EventType::VARIABLE_CHANGED, {"a", "b"})});
+
+    Deliveries delivered;
+    model->getVariables({"a", "b"}, {"Value"}, false, 0, delivered.callback(), false);
+    ASSERT_EQ(delivered.calls.size(), 1U) << "the cached records come at once";
+    EXPECT_TRUE(delivered.calls[0][0].isDirty);
+
+    std::thread([&] { host.drain(); }).join();
+    ASSERT_EQ(delivered.calls.size(), 2U);
+    EXPECT_EQ(delivered.calls[1][1].value, "v:b");
+    EXPECT_FALSE(delivered.calls[1][1].isDirty);
+    EXPECT_FALSE(model->getVariableMap().at("a").isDirty);
+}
+
+TEST(WSDataModel, HostRecordsAreStoredAsSentAndTwoMissingOnesTriggerAnEvent) {
+    ScriptedHost host;
+    auto model = host.makeModel();
+    host.fire({event(EventType::VARIABLE_CHANGED, {"a"})});
+    // The host marks what it could not supply as dirty, and may send names never asked for.
+    host.recordsFor = [](const Names& names) {
+        std::vector<WSVariable> records;
+        for (const auto& name : names)
+            records.push_back({.name = name,
+                               .size = "1x1",
+                               .className = "double",
+                               .value = "1",
+                               .isSummary = true,
+                               .isDirty = name.rfind("gone", 0) == 0});
+        return records;
+    };
+
+    LogCapture log;
+    const std::string longName(60, 'n');
+    int doneCalls = 0;
+    model->updateWSVariables({"a", "gone1", longName}, {"Value"}, false, 0, [&] { ++doneCalls; });
+    EXPECT_EQ(doneCalls, 1);
+    EXPECT_EQ(host.triggers.load(), 0) << "one missing variable is tolerated";
+    EXPECT_TRUE(log.has("Workspace Display Name=gone1 Value=1 Class=double Size=1x1 "
+                        "IsSummary=1 IsDirty=1"));
+    EXPECT_TRUE(log.has("Workspace Display Name=" + std::string(50, 'n') +
+                        "... Value=1 Class=double Size=1x1 IsSummary=1 IsDirty=0"));
+    EXPECT_TRUE(log.has("================ MISSING COUNT: 1 ==============="));
+
+    const auto map = model->getVariableMap();
+    EXPECT_TRUE(map.at("a").isSummary);
+    EXPECT_TRUE(map.at("gone1").isDirty);
+    EXPECT_EQ(map.count(longName), 1U);
+    EXPECT_EQ(model->getSize(), 1U) << "names never requested enter the map only";
+
+    bool triggeredBeforeDone = true;
+    model->updateWSVariables({"gone1", "gone2"}, {"Value"}, false, 0,
+                             [&] { triggeredBeforeDone = host.triggers.load() != 0; });
+    EXPECT_FALSE(triggeredBeforeDone);
+    EXPECT_EQ(host.triggers.load(), 1);
+    EXPECT_TRUE(log.has("================ calling mTriggerWorkspaceEvent done ==============="));
+}
+
+TEST(WSDataModel, FailuresOfTheHostAndOfSubscribersReachTheCaller) {
+    ScriptedHost host;
+    auto model = host.makeModel();
+    host.fire({event(EventType::VARIABLE_CHANGED, {"a"})});
+
+    host.answer = ScriptedHost::Answer::Throw;
+    Deliveries delivered;
+    EXPECT_THROW(model->getVariables({"a"}, {"Value"}, false, 0, delivered.callback(), false),
+                 std::runtime_error);
+    EXPECT_EQ(delivered.calls.size(), 1U) << "the cached records came before the fetch";
+
+    // Nothing was lost: the record is still out of date and fetched on the next request.
+    host.answer = ScriptedHost::Answer::Synchronously;
+    model->getVariables({"a"}, {"Value"}, false, 0, delivered.callback(), false);
+    EXPECT_EQ(delivered.calls.size(), 3U);
+    EXPECT_EQ(model->getVariableMap().at("a").value, "v:a");
+
+    Connection subscription =
+        model->subscribe([](Batch) { throw std::runtime_error("subscriber"); });
+    EXPECT_THROW(host.fire({event(EventType::VARIABLE_DELETED, {"a"})}), std::runtime_error);
+    EXPECT_EQ(model->getSize(), 0U) << "the cache was updated before the subscribers ran";
+
+    // An empty host function raises the standard exception where it is called.
+    WSDataModel noFetch([](WSListenersSubscriptionCallback) { return Connection(); }, nullptr,
+                        nullptr);
+    noFetch.handleWSEvent({event(EventType::VARIABLE_CHANGED, {"x"})});
+    EXPECT_THROW(noFetch.getVariables({"x"}, {}, false, 0, nullptr, false), std::bad_function_call);
+}
+
+TEST(WSDataModel, CallbacksMayCallBackIntoTheModel) {
+    // Subscribers, the host's fetch and result callbacks all run outside the cache's lock.
+    ScriptedHost host;
+    auto model = host.makeModel();
+    std::size_t sizeSeenBySubscriber = 0;
+    Connection subscription = model->subscribe([&](Batch) {
+        sizeSeenBySubscriber = model->getSize();
+        model->getVariables(model->getVariableNames(), {"Value"}, false, 0, nullptr, false);
+    });
+    std::size_t sizeSeenByHost = 0;
+    host.recordsFor = [&](const Names&) {
+        sizeSeenByHost = model->getSize();
+        return std::vector<WSVariable>{};
+    };
+    host.fire({event(EventType::VARIABLE_CHANGED, {"a", "b"})});
+    EXPECT_EQ(sizeSeenBySubscriber, 2U);
+    EXPECT_EQ(sizeSeenByHost, 2U);
+
+    Names seenInResult;
+    model->getVariables(
+        {"a"}, {"Mean"}, false, 0,
+        [&](std::vector<WSVariable>) { seenInResult = model->getVariableNames(); }, false);
+    EXPECT_EQ(seenInResult, (Names{"a", "b"}));
+}
+
+TEST(WSDataModel, ConcurrentEventsAndFetchesKeepTheCacheConsistent) {
+    ScriptedHost host;
+    host.answer = ScriptedHost::Answer::Later;
+    auto model = host.makeModel();
+    std::atomic<int> forwarded{0};
+    Connection subscription = model->subscribe([&](Batch) { ++forwarded; });
+
+    constexpr int kNames = 200;
+    constexpr int kRounds = 150;
+    auto nameOf = [](int i) { return "v" + std::to_string(i); };
+    std::atomic<int> strayRecords{0};
+    std::atomic<bool> stop{false};
+    std::thread answering([&] {
+        while (!stop) {
+            host.drain();
+            std::this_thread::yield();
+        }
+        host.drain();
+    });
+    std::thread events([&] {
+        for (int round = 0; round < kRounds; ++round) {
+            Names changed;
+            for (int i = round % 7; i < kNames; i += 7)
+                changed.push_back(nameOf(i));
+            Batch batch{event(EventType::VARIABLE_CHANGED, changed)};
+            if (round % 5 == 4)
+                batch.push_back(event(EventType::VARIABLE_DELETED, {nameOf(round % kNames)}));
+            if (round % 50 == 49)
+                batch.push_back(event(EventType::WORKSPACE_CLEARED));
+            host.fire(std::move(batch));
+        }
+    });
+    std::vector<std::thread> viewModels;
+    for (int v = 0; v < 3; ++v) {
+        viewModels.emplace_back([&, v] {
+            for (int round = 0; round < kRounds; ++round) {
+                Names wanted;
+                for (int i = (round + v) % 11; i < kNames; i += 11)
+                    wanted.push_back(nameOf(i));
+                const std::set<std::string> allowed(wanted.begin(), wanted.end());
+                model->getVariables(
+                    wanted, round % 4 == v ? Names{"Value"} : Names{"Value", "Mean"}, false, 0,
+                    [&, allowed](std::vector<WSVariable> records) {
+                        for (const auto& record : records)
+                            strayRecords += allowed.count(record.name) == 0 ? 1 : 0;
+                    },
+                    round % 9 == 0);
+            }
+        });
+    }
+    events.join();
+    for (auto& thread : viewModels)
+        thread.join();
+    stop = true;
+    answering.join();
+
+    EXPECT_EQ(forwarded.load(), kRounds);
+    EXPECT_EQ(strayRecords.load(), 0);
+    const auto map = model->getVariableMap();
+    for (const auto& name : model->getVariableNames())
+        EXPECT_EQ(map.count(name), 1U) << "every known name has a record: " << name;
+}
+
+TEST(WSDataModel, GetVariableValueSelectsFieldsByExactKey) {
+    // The record declares std before var, and the column keys do not all match member names.
+    const WSVariable variable{
+        .name = "N", .className = "C", .range = "R", .std = "S", .var = "V", .bytes = "B"};
+    const std::pair<const char*, const char*> expected[] = {
+        {"Name", "N"}, {"Class", "C"}, {"Range", "R"}, {"Std", "S"}, {"Var", "V"}, {"Bytes", "B"}};
+    for (const auto& [key, text] : expected)
+        EXPECT_EQ(WSDataModel::getVariableValue(variable, key), text) << key;
+
+    LogCapture log;
+    for (const char* key : {"name", "IconClass", "IsDirty", ""})
+        EXPECT_EQ(WSDataModel::getVariableValue(variable, key), "") << key;
+    EXPECT_TRUE(log.has("WARNING getVariableValue field not found in variable: name"));
+}
