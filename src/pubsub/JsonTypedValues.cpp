@@ -703,8 +703,8 @@ std::int32_t readIntLikeStream(const std::string& text) {
     bool negative = false;
     if (p != end && (*p == '-' || *p == '+'))
         negative = *p++ == '-';
-    // Accumulate as a negative number so that INT_MIN needs no special case; stop adding once
-    // past the limit (the result is clamped anyway).
+    // A 64-bit magnitude holds every int of either sign; once it is past the int range further
+    // digits cannot bring it back, so it stops growing (the result is clamped anyway).
     constexpr std::int64_t kLimit = std::int64_t{INT_MAX} + 2;
     std::int64_t magnitude = 0;
     for (; p != end && isDigit(*p); ++p) {
