@@ -1,0 +1,706 @@
+#include <workspace_browser/platform/json/ParseResult.hpp>
+#include <workspace_browser/pubsub/JsonTypedValues.hpp>
+
+#include <boost/numeric/conversion/converter.hpp>
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+
+namespace workspace_browser_startup {
+
+namespace {
+
+namespace json = foundation::json;
+namespace pr = foundation::json::parse_result;
+
+// How "vxdata" is read in the object being parsed: as ordinary JSON, or as an array of exact
+// signed or unsigned 64-bit integers. The width in the type name does not matter.
+enum class IntegerRule { None, Signed, Unsigned };
+
+IntegerRule ruleForTypeName(std::string_view name) {
+    if (name == "int64" || name == "int32" || name == "int16" || name == "int8")
+        return IntegerRule::Signed;
+    if (name == "uint64" || name == "uint32" || name == "uint16" || name == "uint8")
+        return IntegerRule::Unsigned;
+    return IntegerRule::None;
+}
+
+bool isKey(const std::string& key, const char (&literal)[7]) {
+    return key.size() == 6 && std::memcmp(key.data(), literal, 6) == 0;
+}
+
+inline bool isDigit(char c) {
+    return static_cast<unsigned char>(c - '0') < 10;
+}
+
+inline bool isJsonSpace(char c) {
+    return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
+
+// Returns the first '"', '\\' or control character in [p, end), or end. Strings without escapes
+// are the common case, so this looks at eight bytes per step: each mask below has its lowest
+// set bit in the first byte that matches (borrows only ever run towards higher bytes).
+inline const char* findStringSpecial(const char* p, const char* end) {
+    if constexpr (std::endian::native == std::endian::little) {
+        constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+        constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
+        while (end - p >= 8) {
+            std::uint64_t word;
+            std::memcpy(&word, p, sizeof word);
+            const std::uint64_t quote = word ^ (kOnes * '"');
+            const std::uint64_t backslash = word ^ (kOnes * '\\');
+            const std::uint64_t hits = ((quote - kOnes) & ~quote) |
+                                       ((backslash - kOnes) & ~backslash) |
+                                       ((word - kOnes * 0x20) & ~word);
+            if (const std::uint64_t found = hits & kHighs)
+                return p + (std::countr_zero(found) >> 3);
+            p += 8;
+        }
+    }
+    for (; p < end; ++p) {
+        const auto c = static_cast<unsigned char>(*p);
+        if (c == '"' || c == '\\' || c < 0x20)
+            return p;
+    }
+    return end;
+}
+
+inline int hexValue(char c) {
+    if (isDigit(c))
+        return c - '0';
+    const char lower = static_cast<char>(c | 0x20);
+    if (lower >= 'a' && lower <= 'f')
+        return lower - 'a' + 10;
+    return -1;
+}
+
+void appendUtf8(std::string& out, std::uint32_t cp) {
+    if (cp < 0x80) {
+        out += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+        const char bytes[] = {static_cast<char>(0xC0 | (cp >> 6)),
+                              static_cast<char>(0x80 | (cp & 0x3F))};
+        out.append(bytes, 2);
+    } else if (cp < 0x10000) {
+        const char bytes[] = {static_cast<char>(0xE0 | (cp >> 12)),
+                              static_cast<char>(0x80 | ((cp >> 6) & 0x3F)),
+                              static_cast<char>(0x80 | (cp & 0x3F))};
+        out.append(bytes, 3);
+    } else {
+        const char bytes[] = {
+            static_cast<char>(0xF0 | (cp >> 18)), static_cast<char>(0x80 | ((cp >> 12) & 0x3F)),
+            static_cast<char>(0x80 | ((cp >> 6) & 0x3F)), static_cast<char>(0x80 | (cp & 0x3F))};
+        out.append(bytes, 4);
+    }
+}
+
+// One parse of one text. Every parse function returns false after recording the first failure
+// (code and position); the caller then unwinds without touching the text again.
+class Parser {
+public:
+    Parser(const char* begin, const char* end) : mBegin(begin), mP(begin), mEnd(end) {}
+
+    int parseTopObject(json::Object& out) {
+        if (mP == mEnd || *mP != '{')
+            return failCode(pr::kObjectExpected, mP);
+        if (parseObjectBody(out, 1))
+            finishTopLevel();
+        return mCode;
+    }
+
+    int parseTopArray(json::Array& out) {
+        if (mP == mEnd)
+            return failCode(pr::kUnexpectedEnd, mP);
+        if (*mP != '[')
+            return failCode(pr::kInvalidValue, mP);
+        if (parseArrayBody(out, 1))
+            finishTopLevel();
+        return mCode;
+    }
+
+    std::size_t failurePosition() const {
+        return mCode == 0 ? 0 : static_cast<std::size_t>(mFailAt - mBegin);
+    }
+
+private:
+    bool fail(int code, const char* at) {
+        mCode = code;
+        mFailAt = at;
+        return false;
+    }
+    int failCode(int code, const char* at) {
+        fail(code, at);
+        return code;
+    }
+    bool failEnd() { return fail(pr::kUnexpectedEnd, mEnd); }
+
+    void skipSpace() {
+        while (mP != mEnd && isJsonSpace(*mP))
+            ++mP;
+    }
+
+    void finishTopLevel() {
+        skipSpace();
+        if (mP != mEnd)
+            fail(pr::kTrailingCharacters, mP);
+    }
+
+    // mP is at '{'. `depth` is the depth of this object (the top level is 1).
+    bool parseObjectBody(json::Object& object, std::size_t depth) {
+        if (depth > JsonTypedValues::kMaxDepth)
+            return fail(pr::kNestingTooDeep, mP);
+        ++mP;
+        skipSpace();
+        if (mP == mEnd)
+            return failEnd();
+        if (*mP == '}') {
+            ++mP;
+            return true;
+        }
+
+        IntegerRule rule = IntegerRule::None;
+        // Where the text of the last "vxdata" value lies, so that a "vxtype" arriving later can
+        // read it again under the typed rules.
+        const char* dataBegin = nullptr;
+        const char* dataEnd = nullptr;
+
+        for (;;) {
+            std::string key;
+            if (!parseString(key))
+                return false;
+            skipSpace();
+            if (mP == mEnd)
+                return failEnd();
+            if (*mP != ':')
+                return fail(pr::kColonExpected, mP);
+            ++mP;
+            skipSpace();
+            if (mP == mEnd)
+                return failEnd();
+
+            const bool isData = isKey(key, "vxdata");
+            const bool isType = !isData && isKey(key, "vxtype");
+            json::Value& slot = object.try_emplace(std::move(key)).first->second;
+            if (isData) {
+                const char* valueBegin = mP;
+                const bool ok = rule == IntegerRule::None ? parseValue(slot, depth + 1)
+                                                          : parseTypedIntegers(slot, rule);
+                if (!ok)
+                    return false;
+                dataBegin = valueBegin;
+                dataEnd = mP;
+            } else {
+                if (!parseValue(slot, depth + 1))
+                    return false;
+                if (isType && slot.is<std::string>()) {
+                    const IntegerRule named = ruleForTypeName(slot.get<std::string>());
+                    if (named != IntegerRule::None) {
+                        rule = named;
+                        if (dataBegin != nullptr && !reparseData(object, rule, dataBegin, dataEnd))
+                            return false;
+                    }
+                }
+            }
+
+            skipSpace();
+            if (mP == mEnd)
+                return failEnd();
+            if (*mP == ',') {
+                ++mP;
+                skipSpace();
+                continue;
+            }
+            if (*mP == '}') {
+                ++mP;
+                return true;
+            }
+            return fail(pr::kObjectCommaOrBraceExpected, mP);
+        }
+    }
+
+    // Reads the text of an earlier "vxdata" value again under `rule`; the stored member is
+    // replaced only when that succeeds, so a failure leaves the ordinary value in place.
+    bool reparseData(json::Object& object, IntegerRule rule, const char* begin, const char* end) {
+        const char* resume = mP;
+        Parser again(mBegin, end);
+        again.mP = begin;
+        json::Value typed;
+        if (!again.parseTypedIntegers(typed, rule))
+            return fail(again.mCode, again.mFailAt);
+        object["vxdata"] = std::move(typed);
+        mP = resume;
+        return true;
+    }
+
+    // mP is at '['.
+    bool parseArrayBody(json::Array& array, std::size_t depth) {
+        if (depth > JsonTypedValues::kMaxDepth)
+            return fail(pr::kNestingTooDeep, mP);
+        ++mP;
+        skipSpace();
+        if (mP == mEnd)
+            return failEnd();
+        if (*mP == ']') {
+            ++mP;
+            return true;
+        }
+        array.reserve(4);
+        for (;;) {
+            if (!parseValue(array.emplace_back(), depth + 1)) {
+                // An element that failed before it began would read as a spurious null.
+                if (array.back().is<json::Undefined>())
+                    array.pop_back();
+                return false;
+            }
+            skipSpace();
+            if (mP == mEnd)
+                return failEnd();
+            if (*mP == ',') {
+                ++mP;
+                skipSpace();
+                continue;
+            }
+            if (*mP == ']') {
+                ++mP;
+                return true;
+            }
+            return fail(pr::kArrayCommaOrBracketExpected, mP);
+        }
+    }
+
+    // `depth` is the depth a nested array or object starting here would have.
+    bool parseValue(json::Value& out, std::size_t depth) {
+        if (mP == mEnd)
+            return failEnd();
+        switch (*mP) {
+        case '"': {
+            out = json::Value(std::string());
+            return parseString(out.get<std::string>());
+        }
+        case '{': {
+            out = json::Value(json::Object());
+            return parseObjectBody(out.get<json::Object>(), depth);
+        }
+        case '[': {
+            out = json::Value(json::Array());
+            return parseArrayBody(out.get<json::Array>(), depth);
+        }
+        case 't':
+            return parseLiteral("true", 4, out, json::Value(true));
+        case 'f':
+            return parseLiteral("false", 5, out, json::Value(false));
+        case 'n':
+            return parseLiteral("null", 4, out, json::Value(json::Null()));
+        default:
+            if (*mP == '-' || isDigit(*mP))
+                return parseNumber(out);
+            return fail(pr::kInvalidValue, mP);
+        }
+    }
+
+    bool parseLiteral(const char* word, std::size_t length, json::Value& out, json::Value value) {
+        const auto left = static_cast<std::size_t>(mEnd - mP);
+        const std::size_t compared = std::min(left, length);
+        if (std::memcmp(mP, word, compared) != 0)
+            return fail(pr::kInvalidValue, mP);
+        if (compared < length)
+            return failEnd();
+        mP += length;
+        out = std::move(value);
+        return true;
+    }
+
+    // An ordinary number, as a double. mP is at '-' or a digit.
+    bool parseNumber(json::Value& out) {
+        const char* start = mP;
+        if (*mP == '-')
+            ++mP;
+        if (mP == mEnd)
+            return failEnd();
+        const char* digits = mP;
+        std::uint64_t mantissa = 0;
+        if (*mP == '0') {
+            ++mP;
+        } else if (isDigit(*mP)) {
+            // Wraps for long inputs; only used below when there are at most 15 digits.
+            for (; mP != mEnd && isDigit(*mP); ++mP)
+                mantissa = mantissa * 10 + static_cast<unsigned>(*mP - '0');
+        } else {
+            return fail(pr::kInvalidNumber, mP);
+        }
+        const auto integerDigits = static_cast<std::size_t>(mP - digits);
+
+        bool plainInteger = true;
+        long exponent = 0;
+        bool exponentNegative = false;
+        if (mP != mEnd && *mP == '.') {
+            plainInteger = false;
+            ++mP;
+            if (mP == mEnd)
+                return failEnd();
+            if (!isDigit(*mP))
+                return fail(pr::kInvalidNumber, mP);
+            while (mP != mEnd && isDigit(*mP))
+                ++mP;
+        }
+        if (mP != mEnd && (*mP == 'e' || *mP == 'E')) {
+            plainInteger = false;
+            ++mP;
+            if (mP != mEnd && (*mP == '+' || *mP == '-'))
+                exponentNegative = *mP++ == '-';
+            if (mP == mEnd)
+                return failEnd();
+            if (!isDigit(*mP))
+                return fail(pr::kInvalidNumber, mP);
+            for (; mP != mEnd && isDigit(*mP); ++mP)
+                exponent = std::min(exponent * 10 + (*mP - '0'), 1000000L);
+        }
+
+        // Up to 15 digits an integer is exact in a double, so no conversion routine is needed.
+        if (plainInteger && integerDigits <= 15) {
+            const auto magnitude = static_cast<double>(mantissa);
+            out = json::Value(*start == '-' ? -magnitude : magnitude);
+            return true;
+        }
+        double value = 0;
+        const auto [end, error] = std::from_chars(start, mP, value);
+        if (error == std::errc::result_out_of_range) {
+            // Too small to represent reads as zero; too large fails. The decimal exponent of
+            // the leading digit tells the two apart.
+            const char* first = digits;
+            long scale = exponentNegative ? -exponent : exponent;
+            if (*first == '0') {
+                const char* q = first + 1;
+                if (q != mP && *q == '.') {
+                    ++q;
+                    while (q != mP && *q == '0') {
+                        ++q;
+                        --scale;
+                    }
+                }
+                --scale;
+            } else {
+                scale += static_cast<long>(integerDigits) - 1;
+            }
+            if (scale > 0)
+                return fail(pr::kInvalidNumber, start);
+            out = json::Value(*start == '-' ? -0.0 : 0.0);
+            return true;
+        }
+        if (error != std::errc() || end != mP)
+            return fail(pr::kInvalidNumber, start);
+        out = json::Value(value);
+        return true;
+    }
+
+    // mP is at the opening quote (or whatever stands in its place).
+    bool parseString(std::string& out) {
+        if (mP == mEnd)
+            return failEnd();
+        if (*mP != '"')
+            return fail(pr::kStringExpected, mP);
+        ++mP;
+        const char* run = mP;
+        const char* special = findStringSpecial(run, mEnd);
+        if (special != mEnd && *special == '"') {
+            out.assign(run, special);
+            mP = special + 1;
+            return true;
+        }
+        // Escapes (or an error): copy the plain runs in between as whole spans.
+        out.reserve(static_cast<std::size_t>(special - run) + 16);
+        for (;;) {
+            out.append(run, special);
+            mP = special;
+            if (mP == mEnd)
+                return failEnd();
+            const char c = *mP;
+            if (c == '"') {
+                ++mP;
+                return true;
+            }
+            if (c != '\\')
+                return fail(pr::kControlCharacterInString, mP);
+            if (!parseEscape(out))
+                return false;
+            run = mP;
+            special = findStringSpecial(run, mEnd);
+        }
+    }
+
+    // mP is at a backslash.
+    bool parseEscape(std::string& out) {
+        ++mP;
+        if (mP == mEnd)
+            return failEnd();
+        char decoded;
+        switch (*mP) {
+        case '"':
+            decoded = '"';
+            break;
+        case '\\':
+            decoded = '\\';
+            break;
+        case '/':
+            decoded = '/';
+            break;
+        case 'b':
+            decoded = '\b';
+            break;
+        case 'f':
+            decoded = '\f';
+            break;
+        case 'n':
+            decoded = '\n';
+            break;
+        case 'r':
+            decoded = '\r';
+            break;
+        case 't':
+            decoded = '\t';
+            break;
+        case 'u':
+            return parseUnicodeEscape(out);
+        default:
+            return fail(pr::kInvalidEscape, mP);
+        }
+        out += decoded;
+        ++mP;
+        return true;
+    }
+
+    // Reads the four hexadecimal digits after "\u"; mP is at the 'u'.
+    bool readHex4(std::uint32_t& value) {
+        ++mP;
+        value = 0;
+        for (int i = 0; i < 4; ++i, ++mP) {
+            if (mP == mEnd)
+                return failEnd();
+            const int digit = hexValue(*mP);
+            if (digit < 0)
+                return fail(pr::kInvalidUnicodeEscape, mP);
+            value = value << 4 | static_cast<std::uint32_t>(digit);
+        }
+        return true;
+    }
+
+    // mP is at the 'u' of "\u". A lone low surrogate is encoded as it stands.
+    bool parseUnicodeEscape(std::string& out) {
+        std::uint32_t unit;
+        if (!readHex4(unit))
+            return false;
+        if (unit >= 0xD800 && unit <= 0xDBFF) {
+            if (mEnd - mP < 2 && (mP == mEnd || *mP == '\\'))
+                return failEnd();
+            if (mP[0] != '\\' || mP[1] != 'u')
+                return fail(pr::kMissingLowSurrogate, mP);
+            const char* second = mP;
+            ++mP;
+            std::uint32_t low;
+            if (!readHex4(low))
+                return false;
+            if (low < 0xDC00 || low > 0xDFFF)
+                return fail(pr::kInvalidLowSurrogate, second);
+            unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+        }
+        appendUtf8(out, unit);
+        return true;
+    }
+
+    // "vxdata" under a recognised type name: an array of decimal integers kept exact.
+    bool parseTypedIntegers(json::Value& out, IntegerRule rule) {
+        if (mP == mEnd)
+            return failEnd();
+        if (*mP != '[')
+            return fail(pr::kTypedArrayExpected, mP);
+        ++mP;
+        out = json::Value(json::Array());
+        json::Array& array = out.get<json::Array>();
+        // Elements are plain numbers, so the first ']' closes the array and the commas before
+        // it count the elements: one cheap scan saves every reallocation of a large array.
+        if (const void* close = std::memchr(mP, ']', static_cast<std::size_t>(mEnd - mP))) {
+            const auto* last = static_cast<const char*>(close);
+            array.reserve(static_cast<std::size_t>(std::count(mP, last, ',')) + 1);
+        }
+        skipSpace();
+        if (mP == mEnd)
+            return failEnd();
+        if (*mP == ']') {
+            ++mP;
+            return true;
+        }
+        for (;;) {
+            if (!parseTypedInteger(array, rule))
+                return false;
+            skipSpace();
+            if (mP == mEnd)
+                return failEnd();
+            if (*mP == ',') {
+                ++mP;
+                skipSpace();
+                continue;
+            }
+            if (*mP == ']') {
+                ++mP;
+                return true;
+            }
+            return fail(pr::kTypedCommaOrBracketExpected, mP);
+        }
+    }
+
+    bool parseTypedInteger(json::Array& array, IntegerRule rule) {
+        if (mP == mEnd)
+            return failEnd();
+        const char* start = mP;
+        if (*mP == '"')
+            return fail(pr::kTypedIntegerNotInteger, mP);
+        const bool negative = *mP == '-';
+        if (negative)
+            ++mP;
+        const char* digits = mP;
+        std::uint64_t magnitude = 0;
+        for (; mP != mEnd && isDigit(*mP); ++mP)
+            magnitude = magnitude * 10 + static_cast<unsigned>(*mP - '0');
+        const auto count = static_cast<std::size_t>(mP - digits);
+        if (mP != mEnd && (*mP == '.' || *mP == 'e' || *mP == 'E'))
+            return fail(pr::kTypedIntegerNotInteger, mP);
+        if (count == 0)
+            return mP == mEnd ? failEnd() : fail(pr::kTypedIntegerInvalid, start);
+
+        if (count > 18) {
+            // Beyond 18 digits the running value may have wrapped; convert again with overflow
+            // detection.
+            if (rule == IntegerRule::Signed) {
+                long value = 0;
+                const auto result = std::from_chars(start, mP, value);
+                if (result.ec != std::errc())
+                    return fail(pr::kTypedIntegerOverflow, start);
+                array.emplace_back(value);
+                return true;
+            }
+            const auto result = std::from_chars(digits, mP, magnitude);
+            if (result.ec != std::errc())
+                return fail(pr::kTypedIntegerOverflow, start);
+        }
+        if (rule == IntegerRule::Signed) {
+            const auto value = static_cast<long>(magnitude);
+            array.emplace_back(negative ? -value : value);
+        } else {
+            if (negative && magnitude != 0)
+                return fail(pr::kTypedIntegerOverflow, start);
+            array.emplace_back(static_cast<unsigned long>(magnitude));
+        }
+        return true;
+    }
+
+    const char* mBegin;
+    const char* mP;
+    const char* mEnd;
+    int mCode = 0;
+    const char* mFailAt = nullptr;
+};
+
+[[noreturn]] void throwInvalidConversion(const json::Value& value, const char* target) {
+    std::string text = "invalid conversion: ";
+    text += value.kindName();
+    text += " to ";
+    text += target;
+    throw std::runtime_error(text);
+}
+
+bool isStreamSpace(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// Reads an int the way `std::istream >> int` does in the classic locale: leading white space
+// skipped, an optional sign, decimal digits up to the first other character; no digits gives
+// 0 and a value out of range the nearest int limit.
+std::int32_t readIntLikeStream(const std::string& text) {
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    while (p != end && isStreamSpace(*p))
+        ++p;
+    bool negative = false;
+    if (p != end && (*p == '-' || *p == '+'))
+        negative = *p++ == '-';
+    // Accumulate as a negative number so that INT_MIN needs no special case; stop adding once
+    // past the limit (the result is clamped anyway).
+    constexpr std::int64_t kLimit = std::int64_t{INT_MAX} + 2;
+    std::int64_t magnitude = 0;
+    for (; p != end && isDigit(*p); ++p) {
+        if (magnitude < kLimit)
+            magnitude = magnitude * 10 + (*p - '0');
+    }
+    const std::int64_t value = negative ? -magnitude : magnitude;
+    if (value > INT_MAX)
+        return INT_MAX;
+    if (value < INT_MIN)
+        return INT_MIN;
+    return static_cast<std::int32_t>(value);
+}
+
+} // namespace
+
+int JsonTypedValues::parseObject(const char* begin, const char* end, json::Object& out) {
+    Parser parser(begin, end);
+    return parser.parseTopObject(out);
+}
+
+int JsonTypedValues::parseObject(const char* begin, const char* end, json::Object& out,
+                                 std::size_t& failurePosition) {
+    Parser parser(begin, end);
+    const int code = parser.parseTopObject(out);
+    failurePosition = parser.failurePosition();
+    return code;
+}
+
+int JsonTypedValues::parseArray(const char* begin, const char* end, json::Array& out) {
+    Parser parser(begin, end);
+    return parser.parseTopArray(out);
+}
+
+std::int32_t JsonTypedValues::toInt32(const json::Value& value) {
+    switch (value.kind()) {
+    case json::Value::Kind::Undefined:
+    case json::Value::Kind::Null:
+        return 0;
+    case json::Value::Kind::Boolean:
+        return value.get<bool>() ? 1 : 0;
+    case json::Value::Kind::Double: {
+        const double d = value.get<double>();
+        if (d <= -2147483649.0)
+            throw boost::numeric::negative_overflow();
+        if (d >= 2147483648.0)
+            throw boost::numeric::positive_overflow();
+        // NaN passes both bounds; casting it would be undefined.
+        if (std::isnan(d))
+            return 0;
+        return static_cast<std::int32_t>(d);
+    }
+    case json::Value::Kind::String:
+        return readIntLikeStream(value.get<std::string>());
+    default:
+        throwInvalidConversion(value, json::traits<int>::name);
+    }
+}
+
+bool JsonTypedValues::toBool(const json::Value& value) {
+    if (!value.is<bool>())
+        throwInvalidConversion(value, json::traits<bool>::name);
+    return value.get<bool>();
+}
+
+std::string JsonTypedValues::toString(const json::Value& value) {
+    if (!value.is<std::string>())
+        throwInvalidConversion(value, json::traits<std::string>::name);
+    return value.get<std::string>();
+}
+
+} // namespace workspace_browser_startup
