@@ -1,0 +1,167 @@
+#include <workspace_browser/platform/message_service/Promise.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace connector::message_service;
+
+namespace {
+
+const std::string kCancelled = "Future has been cancelled.";
+const std::string kAlreadyReturned =
+    "Future already returned it's value or has an associated continuation.";
+const std::string kInvalid = "Invalid Future state reached.";
+
+// Runs `call` and returns the text of the std::runtime_error it throws (fails otherwise).
+template <class Call> std::string runtimeErrorText(Call&& call) {
+    try {
+        call();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    ADD_FAILURE() << "no std::runtime_error thrown";
+    return {};
+}
+
+struct CustomError : std::logic_error {
+    using std::logic_error::logic_error;
+};
+
+} // namespace
+
+TEST(Future, ValueIsTakenOnceThenTheAlreadyReturnedErrorFollows) {
+    Promise<std::string> promise;
+    Future<std::string> future = promise.get_future();
+    EXPECT_TRUE(future.valid());
+    promise.set_value("payload");
+    future.wait();
+    EXPECT_EQ(future.get(), "payload");
+    EXPECT_TRUE(future.valid());
+    future.wait(); // must not block once the value is gone
+    EXPECT_EQ(runtimeErrorText([&] { future.get(); }), kAlreadyReturned);
+}
+
+TEST(Future, InvalidFutureRefusesWaitAndGet) {
+    Future<int> future;
+    EXPECT_FALSE(future.valid());
+    EXPECT_EQ(runtimeErrorText([&] { future.get(); }), kInvalid);
+    EXPECT_EQ(runtimeErrorText([&] { future.wait(); }), kInvalid);
+}
+
+TEST(Future, CancelledFutureThrowsTheCancelledTextEveryTime) {
+    Promise<int> promise;
+    Future<int> future = promise.get_future();
+    promise.cancel();
+    future.wait();
+    EXPECT_EQ(runtimeErrorText([&] { future.get(); }), kCancelled);
+    EXPECT_EQ(runtimeErrorText([&] { future.get(); }), kCancelled);
+}
+
+TEST(Future, StoredExceptionIsRethrownWithItsOwnTypeOnce) {
+    Promise<void> promise;
+    Future<void> future = promise.get_future();
+    promise.set_exception(std::make_exception_ptr(CustomError("boom")));
+    try {
+        future.get();
+        FAIL() << "expected CustomError";
+    } catch (const CustomError& e) {
+        EXPECT_STREQ(e.what(), "boom");
+    }
+    EXPECT_EQ(runtimeErrorText([&] { future.get(); }), kAlreadyReturned);
+}
+
+TEST(Future, ReadyFuturesForValuesMoveOnlyTypesAndVoid) {
+    Future<std::unique_ptr<int>> owned = make_ready_future(std::make_unique<int>(9));
+    std::unique_ptr<int> taken = owned.get();
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(*taken, 9);
+
+    Future<void> done = make_ready_future();
+    EXPECT_TRUE(done.valid());
+    EXPECT_NO_THROW(done.get());
+    EXPECT_EQ(runtimeErrorText([&] { done.get(); }), kAlreadyReturned);
+}
+
+TEST(Promise, MisuseIsRefusedAndKeepsTheFirstOutcome) {
+    Promise<int> promise;
+    Future<int> future = promise.get_future();
+    EXPECT_THROW(promise.get_future(), std::runtime_error);
+
+    promise.set_value(1);
+    EXPECT_THROW(promise.set_value(2), std::runtime_error);
+    EXPECT_THROW(promise.cancel(), std::runtime_error);
+    EXPECT_EQ(future.get(), 1);
+
+    Promise<void> cancelled;
+    Future<void> cancelledFuture = cancelled.get_future();
+    cancelled.cancel();
+    EXPECT_THROW(cancelled.set_value(), std::runtime_error);
+    EXPECT_EQ(runtimeErrorText([&] { cancelledFuture.get(); }), kCancelled);
+}
+
+TEST(Promise, DestroyedOrReplacedWithoutAnOutcomeBreaksTheFuture) {
+    Future<int> future;
+    {
+        Promise<int> promise;
+        future = promise.get_future();
+    }
+    const std::string broken = runtimeErrorText([&] { future.get(); });
+    EXPECT_NE(broken.find("destroyed"), std::string::npos) << broken;
+
+    // Move-assigning over a pending promise abandons its state the same way.
+    Promise<void> first;
+    Future<void> firstFuture = first.get_future();
+    first = Promise<void>();
+    EXPECT_THROW(firstFuture.get(), std::runtime_error);
+
+    // A completed promise may go away; its value stays.
+    Future<int> kept;
+    {
+        Promise<int> promise;
+        kept = promise.get_future();
+        promise.set_value(5);
+    }
+    EXPECT_EQ(kept.get(), 5);
+}
+
+TEST(Future, WaitersOnOtherThreadsWakeForEachOutcome) {
+    // Value: several threads wait, one takes it.
+    {
+        Promise<int> promise;
+        Future<int> future = promise.get_future();
+        std::atomic<int> woken{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 3; ++i)
+            waiters.emplace_back([&] {
+                future.wait();
+                ++woken;
+            });
+        promise.set_value(11);
+        for (auto& t : waiters)
+            t.join();
+        EXPECT_EQ(woken.load(), 3);
+        EXPECT_EQ(future.get(), 11);
+    }
+    // An exception and a promise destroyed on another thread reach a blocked get.
+    {
+        Promise<int> promise;
+        Future<int> future = promise.get_future();
+        std::thread producer(
+            [&] { promise.set_exception(std::make_exception_ptr(CustomError("remote"))); });
+        EXPECT_THROW(future.get(), CustomError);
+        producer.join();
+    }
+    {
+        auto promise = std::make_unique<Promise<int>>();
+        Future<int> future = promise->get_future();
+        std::thread producer([p = std::move(promise)]() mutable { p.reset(); });
+        EXPECT_THROW(future.get(), std::runtime_error);
+        producer.join();
+    }
+}
