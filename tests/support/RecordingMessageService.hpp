@@ -40,7 +40,7 @@ public:
     Future<std::shared_ptr<Subscription>> subscribe(const std::string& channel,
                                                     Callback callback) override {
         SubscribeFailure failure;
-        std::size_t id;
+        std::size_t id = 0;
         {
             std::lock_guard lock(mState->mutex);
             failure = std::exchange(mNextFailure, SubscribeFailure::None);
@@ -121,7 +121,7 @@ public:
 
 private:
     struct Subscriber {
-        std::size_t id;
+        std::size_t id = 0;
         std::string channel;
         Callback callback;
     };
