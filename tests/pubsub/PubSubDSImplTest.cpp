@@ -1,19 +1,19 @@
-#include <workspace_browser/platform/DiagnosticLogger.hpp>
-#include <workspace_browser/platform/json/Serialize.hpp>
+#include <workspace_browser/platform/message_service/LocalMessageService.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 #include <workspace_browser/pubsub/PubSubDSImpl.hpp>
 
+#include "support/LogCapture.hpp"
 #include "support/RecordingMessageService.hpp"
 
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <variant>
 #include <vector>
 
+using connector::message_service::JsonMessage;
 using foundation::json::Array;
 using foundation::json::Object;
 using foundation::json::Value;
@@ -23,10 +23,9 @@ using wsb_test::RecordingMessageService;
 namespace {
 
 const std::string kChannel = "/ws_who";
-const std::string kLogPrefix = "4 zentra::datatools::PubSubDS: ";
 
-// Records each call as one line of text and keeps a pointer to every event it was handed, the
-// way a view model may keep referring to it.
+// Records each call as a word and keeps a pointer to every event it was handed, the way a view
+// model may keep referring to it.
 class RecordingObserver : public DSObserver {
 public:
     std::vector<std::string> calls;
@@ -42,14 +41,12 @@ public:
     void handleClientGetColumnMetaData(const DSEvent& e) override { record("getColumn", e); }
     void handleClientGetRowMetaData(const DSEvent& e) override { record("getRow", e); }
     void handleClientGetCellMetaData(const DSEvent& e) override { record("getCell", e); }
-    void handleClientSetTableMetaData(const DSModelEvent&) override { calls.push_back("setTable"); }
-    void handleClientSetColumnMetaData(const DSModelEvent&) override {
-        calls.push_back("setColumn");
-    }
-    void handleClientSetRowMetaData(const DSModelEvent&) override { calls.push_back("setRow"); }
-    void handleClientSetCellMetaData(const DSModelEvent&) override { calls.push_back("setCell"); }
+    void handleClientSetTableMetaData(const DSModelEvent&) override { calls.push_back("setMeta"); }
+    void handleClientSetColumnMetaData(const DSModelEvent&) override { calls.push_back("setMeta"); }
+    void handleClientSetRowMetaData(const DSModelEvent&) override { calls.push_back("setMeta"); }
+    void handleClientSetCellMetaData(const DSModelEvent&) override { calls.push_back("setMeta"); }
     void handleSortChanged(int column, bool ascending) override {
-        calls.push_back("sort " + std::to_string(column) + " " + (ascending ? "asc" : "desc"));
+        calls.push_back("sort " + std::to_string(column) + (ascending ? " asc" : " desc"));
     }
 
 private:
@@ -59,12 +56,21 @@ private:
     }
 };
 
+std::vector<int> range(const DSEvent& e) {
+    return {e.startRow, e.endRow, e.startColumn, e.endColumn};
+}
+std::vector<int> fullRange(const DSEvent& e) {
+    return {e.fullStartRow, e.fullEndRow, e.fullStartColumn, e.fullEndColumn};
+}
+
+DSModelEventData element(int row, int column, Object properties) {
+    return DSModelEventData{row, column, std::move(properties)};
+}
+
 class PubSubDSImplTest : public ::testing::Test {
 protected:
     std::shared_ptr<RecordingMessageService> service = std::make_shared<RecordingMessageService>();
-    std::ostringstream log;
-    std::shared_ptr<void> sink =
-        foundation::log::addConsoleSink(4, "zentra::datatools::PubSubDS", &log);
+    wsb_test::LogCapture log{"zentra::datatools::PubSubDS"};
     PubSubDSImpl endpoint{service, kChannel};
     RecordingObserver observer;
 
@@ -72,26 +78,17 @@ protected:
 
     void deliver(const std::string& text) { ASSERT_EQ(service->deliver(kChannel, text), 1u); }
 
-    std::vector<std::string> logLines() const {
-        std::vector<std::string> lines;
-        std::istringstream in(log.str());
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-        return lines;
-    }
-    std::string lastLogLine() const {
-        const auto lines = logLines();
-        return lines.empty() ? std::string() : lines.back();
-    }
-
-    // The published message parsed back into a JSON object.
-    Object publishedObject(std::size_t index = 0) const {
+    std::string publishedText(std::size_t index) const {
         const auto published = service->published();
         EXPECT_GT(published.size(), index);
         if (published.size() <= index)
             return {};
         EXPECT_EQ(published[index].channel, kChannel);
-        const std::string& text = published[index].text;
+        return published[index].text;
+    }
+    // The published message parsed back into a JSON object.
+    Object publishedObject(std::size_t index) const {
+        const std::string text = publishedText(index);
         Object out;
         EXPECT_EQ(JsonTypedValues::parseObject(text.data(), text.data() + text.size(), out), 0)
             << text;
@@ -99,14 +96,12 @@ protected:
     }
 };
 
-struct CodeCase {
-    int code;
-    const char* logName;
-    const char* call; // nullptr: logged only
-};
-
 TEST_F(PubSubDSImplTest, EveryClientCodeIsLoggedAndReachesItsOperation) {
-    const CodeCase cases[] = {
+    const struct {
+        int code;
+        const char* logName;
+        const char* call; // nullptr: logged only
+    } cases[] = {
         {10, "CLIENT_MSG_SET_VIEWPORT", "viewport"},
         {11, "CLIENT_MSG_GET_DATA", "getData"},
         {13, "CLIENT_MSG_GET_SIZE", "getSize"},
@@ -129,10 +124,10 @@ TEST_F(PubSubDSImplTest, EveryClientCodeIsLoggedAndReachesItsOperation) {
                                  R"(,"startRow":1,"endRow":2,"startColumn":3,"endColumn":4,)"
                                  R"("fullStartRow":90,"fullEndRow":91})";
         deliver(text);
-        const auto lines = logLines();
-        ASSERT_GE(lines.size(), 2u);
-        EXPECT_EQ(lines[lines.size() - 2], kLogPrefix + "PubSubDSImpl message recieved " + text);
-        EXPECT_EQ(lines.back(), kLogPrefix + "Handling " + c.logName);
+        const auto texts = log.texts();
+        ASSERT_GE(texts.size(), 2u);
+        EXPECT_EQ(texts[texts.size() - 2], "PubSubDSImpl message recieved " + text);
+        EXPECT_EQ(texts.back(), std::string("Handling ") + c.logName);
         if (!c.call) {
             EXPECT_TRUE(observer.calls.empty());
             continue;
@@ -143,12 +138,9 @@ TEST_F(PubSubDSImplTest, EveryClientCodeIsLoggedAndReachesItsOperation) {
         const DSEvent& e = *observer.events.front();
         EXPECT_EQ(e.eventType, c.code);
         EXPECT_EQ(e.source, "client");
-        EXPECT_EQ(std::vector<int>({e.startRow, e.endRow, e.startColumn, e.endColumn}),
-                  std::vector<int>({1, 2, 3, 4}));
+        EXPECT_EQ(range(e), std::vector<int>({1, 2, 3, 4}));
         // The full range follows the range; the message's own full-range members are ignored.
-        EXPECT_EQ(
-            std::vector<int>({e.fullStartRow, e.fullEndRow, e.fullStartColumn, e.fullEndColumn}),
-            std::vector<int>({1, 2, 3, 4}));
+        EXPECT_EQ(fullRange(e), std::vector<int>({1, 2, 3, 4}));
         EXPECT_TRUE(e.data.empty());
     }
 }
@@ -158,44 +150,38 @@ TEST_F(PubSubDSImplTest, CodesAreConvertedLikeIntegersAndUnknownOnesReachNobody)
     deliver(R"({"eventType":11.9})");
     EXPECT_EQ(observer.calls, (std::vector<std::string>{"getData", "getData"}));
     // Absent members read as 0, not as the -1 of a default event.
-    EXPECT_EQ(observer.events.back()->startColumn, 0);
-    EXPECT_EQ(observer.events.back()->fullEndRow, 0);
+    EXPECT_EQ(range(*observer.events.back()), std::vector<int>({0, 0, 0, 0}));
 
     observer.calls.clear();
     const std::pair<const char*, const char*> unknown[] = {
-        {R"({"eventType":-3.5})", "-3"}, {R"({"eventType":9})", "9"},
-        {R"({"eventType":25})", "25"},   {R"({"startRow":1})", "0"},
-        {R"({"eventType":null})", "0"},
+        {R"({"eventType":-3.5})", "-3"},
+        {R"({"eventType":9})", "9"},
+        {R"({"eventType":25})", "25"},
+        {R"({"startRow":1})", "0"},
     };
     for (const auto& [text, printed] : unknown) {
         deliver(text);
-        EXPECT_EQ(lastLogLine(), kLogPrefix + "ERROR: Unknown message type: " + printed) << text;
+        EXPECT_EQ(log.last(), std::string("ERROR: Unknown message type: ") + printed) << text;
     }
     EXPECT_TRUE(observer.calls.empty());
 }
 
-TEST_F(PubSubDSImplTest, SetDataNamesOneCellAndCarriesTheTextAsAString) {
+TEST_F(PubSubDSImplTest, EditAndSortReadTheirOwnMembers) {
     deliver(R"({"eventType":12,"row":7,"column":2,"data":"42","startRow":1,"endRow":5})");
     ASSERT_EQ(observer.calls, std::vector<std::string>{"setData"});
     const DSEvent& e = *observer.events.front();
-    EXPECT_EQ(std::vector<int>({e.startRow, e.endRow, e.startColumn, e.endColumn}),
-              std::vector<int>({7, 7, 2, 2}));
-    // The full range keeps what the generic decoding gave it.
-    EXPECT_EQ(std::vector<int>({e.fullStartRow, e.fullEndRow, e.fullStartColumn, e.fullEndColumn}),
-              std::vector<int>({1, 5, 0, 0}));
-    ASSERT_EQ(e.data.size(), 1u);
-    EXPECT_EQ(e.data[0], Value("42"));
-}
+    // An edit names one cell; the full range keeps what the generic decoding gave it.
+    EXPECT_EQ(range(e), std::vector<int>({7, 7, 2, 2}));
+    EXPECT_EQ(fullRange(e), std::vector<int>({1, 5, 0, 0}));
+    EXPECT_EQ(e.data, std::vector<Value>{Value("42")});
 
-TEST_F(PubSubDSImplTest, SortPassesColumnAndDirection) {
     deliver(R"({"eventType":24,"ascending":false})");
     deliver(R"({"eventType":24,"column":3,"ascending":true})");
-    EXPECT_EQ(observer.calls, (std::vector<std::string>{"sort 0 desc", "sort 3 asc"}));
+    EXPECT_EQ(observer.calls, (std::vector<std::string>{"setData", "sort 0 desc", "sort 3 asc"}));
 }
 
 TEST_F(PubSubDSImplTest, ConversionFailuresPropagateReachNoObserverAndLeaveTheEndpointUsable) {
     const char* bad[] = {
-        R"({"eventType":[11]})",                   // array where an integer is expected
         R"({"eventType":11,"startRow":{}})",       // object where an integer is expected
         R"({"eventType":11,"endRow":3000000000})", // outside the 32-bit range
         R"({"eventType":12,"row":1,"column":1,"data":5})",
@@ -204,76 +190,49 @@ TEST_F(PubSubDSImplTest, ConversionFailuresPropagateReachNoObserverAndLeaveTheEn
     };
     for (const char* text : bad)
         EXPECT_ANY_THROW(service->deliver(kChannel, text)) << text;
-    EXPECT_TRUE(observer.calls.empty());
-
     try {
         service->deliver(kChannel, R"({"eventType":[11]})");
-        FAIL() << "expected a conversion error";
+        ADD_FAILURE() << "expected a conversion error";
     } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()),
-                  "invalid conversion: std::vector<foundation::json::Value> to int");
+        EXPECT_STREQ(e.what(), "invalid conversion: std::vector<foundation::json::Value> to int");
     }
+    EXPECT_TRUE(observer.calls.empty());
 
     deliver(R"({"eventType":13})");
     EXPECT_EQ(observer.calls, std::vector<std::string>{"getSize"});
 }
 
-TEST_F(PubSubDSImplTest, ObserverExceptionStopsTheRestOfTheList) {
-    struct Throwing : RecordingObserver {
-        void handleClientGetSize() override { throw std::logic_error("observer failed"); }
-    } throwing;
-    endpoint.removeDSObserver(&observer);
-    endpoint.addDSObserver(&throwing);
-    endpoint.addDSObserver(&observer);
-    EXPECT_THROW(service->deliver(kChannel, R"({"eventType":13})"), std::logic_error);
-    EXPECT_TRUE(observer.calls.empty());
-}
-
 TEST_F(PubSubDSImplTest, ObserversRegisteredTwiceAreCalledTwiceAndRemovedTogether) {
-    RecordingObserver other;
-    endpoint.addDSObserver(&observer); // second registration
+    RecordingObserver other, unknown;
+    endpoint.addDSObserver(&observer);
     endpoint.addDSObserver(&other);
     deliver(R"({"eventType":19})");
     EXPECT_EQ(observer.calls.size(), 2u);
     EXPECT_EQ(other.calls.size(), 1u);
 
     endpoint.removeDSObserver(&observer);
-    RecordingObserver unknown;
     endpoint.removeDSObserver(&unknown);
     deliver(R"({"eventType":19})");
     EXPECT_EQ(observer.calls.size(), 2u);
     EXPECT_EQ(other.calls.size(), 2u);
 }
 
-TEST_F(PubSubDSImplTest, ParseFailuresAreLoggedAndStillDispatched) {
+TEST_F(PubSubDSImplTest, ParseFailuresAreFlaggedLoggedAndStillDispatched) {
     deliver("not json at all");
-    auto lines = logLines();
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[lines.size() - 2], kLogPrefix + "convertMessageToJson JSON Parse Error");
-    EXPECT_EQ(lines.back(), kLogPrefix + "ERROR: Unknown message type: 0");
-
+    EXPECT_TRUE(log.contains("convertMessageToJson JSON Parse Error"));
+    EXPECT_EQ(log.last(), "ERROR: Unknown message type: 0");
     // Members read before the failure stay and are decoded.
     deliver(R"({"eventType":13,"startRow":)");
     EXPECT_EQ(observer.calls, std::vector<std::string>{"getSize"});
-
-    // An empty message is a parse failure too, not a crash.
     EXPECT_EQ(service->deliver(kChannel, ""), 1u);
-}
 
-TEST_F(PubSubDSImplTest, ConvertMessageToJsonFlagsSuccessAndKeepsTypedIntegers) {
-    using connector::message_service::JsonMessage;
+    Object bad = endpoint.convertMessageToJson(JsonMessage(std::string_view(R"({"a":1,)")));
+    EXPECT_EQ(bad, (Object{{"a", Value(1)}, {"parseSuccess", Value(false)}}));
+    // Typed integers keep their full precision through the endpoint.
     Object good = endpoint.convertMessageToJson(
         JsonMessage(std::string_view(R"({"vxtype":"int64","vxdata":[9007199254740993]})")));
     EXPECT_EQ(good["parseSuccess"], Value(true));
-    ASSERT_TRUE(good["vxdata"].is<Array>());
-    EXPECT_EQ(good["vxdata"].get<Array>(), Array{Value(9007199254740993L)});
-
-    Object bad = endpoint.convertMessageToJson(JsonMessage(std::string_view(R"({"a":1,)")));
-    EXPECT_EQ(bad["parseSuccess"], Value(false));
-    EXPECT_EQ(bad["a"], Value(1));
-
-    Object empty = endpoint.convertMessageToJson(JsonMessage());
-    EXPECT_EQ(empty["parseSuccess"], Value(false));
+    EXPECT_EQ(good["vxdata"], Value(Array{Value(9007199254740993L)}));
 }
 
 TEST_F(PubSubDSImplTest, DecodedEventsOutliveTheirDispatch) {
@@ -285,12 +244,24 @@ TEST_F(PubSubDSImplTest, DecodedEventsOutliveTheirDispatch) {
     EXPECT_EQ(observer.events.front()->data.at(0), Value("a text long enough to need the heap"));
     for (int i = 0; i < 200; ++i)
         EXPECT_EQ(observer.events[1 + i]->startRow, i);
-    // Each message has its own record.
-    EXPECT_NE(observer.events[1], observer.events[2]);
 }
 
-TEST_F(PubSubDSImplTest, SubscriptionLastsAsLongAsTheEndpoint) {
-    EXPECT_EQ(service->subscriberCount(kChannel), 1u);
+TEST_F(PubSubDSImplTest, SubscriptionFailuresStopConstructionAndDestructionUnsubscribes) {
+    using Failure = RecordingMessageService::SubscribeFailure;
+    const std::pair<Failure, const char*> failures[] = {
+        {Failure::InvalidFuture, "Future state isn't valid!"},
+        {Failure::StoredException, "subscription refused"},
+        {Failure::Cancelled, "Future has been cancelled."},
+    };
+    for (const auto& [failure, text] : failures) {
+        service->failNextSubscribe(failure);
+        try {
+            PubSubDSImpl failing(service, "/x");
+            ADD_FAILURE() << "construction should fail";
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(), text);
+        }
+    }
     {
         PubSubDSImpl second(service, "/other");
         EXPECT_EQ(service->subscriberCount("/other"), 1u);
@@ -299,33 +270,14 @@ TEST_F(PubSubDSImplTest, SubscriptionLastsAsLongAsTheEndpoint) {
     EXPECT_EQ(service->subscriberCount(kChannel), 1u);
 }
 
-TEST_F(PubSubDSImplTest, SubscriptionFailuresStopConstruction) {
-    using Failure = RecordingMessageService::SubscribeFailure;
-    service->failNextSubscribe(Failure::InvalidFuture);
-    try {
-        PubSubDSImpl failing(service, "/x");
-        FAIL() << "construction should fail";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Future state isn't valid!");
-    }
-    service->failNextSubscribe(Failure::StoredException);
-    EXPECT_THROW(PubSubDSImpl(service, "/x"), std::runtime_error);
-    service->failNextSubscribe(Failure::Cancelled);
-    try {
-        PubSubDSImpl failing(service, "/x");
-        FAIL() << "construction should fail";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Future has been cancelled.");
-    }
-}
-
-TEST_F(PubSubDSImplTest, SizeUpdatedPublishesTheExactMessage) {
+TEST_F(PubSubDSImplTest, SizeAndArrayResponsesPublishExactTexts) {
     endpoint.sizeUpdated(0, 13);
-    const auto published = service->published();
-    ASSERT_EQ(published.size(), 1u);
-    EXPECT_EQ(published[0].text,
+    EXPECT_EQ(publishedText(0),
               R"({"columnCount":13,"eventType":1,"rowCount":0,"source":"server"})");
-    EXPECT_EQ(lastLogLine(), kLogPrefix + "sendResponse " + published[0].text);
+    EXPECT_EQ(log.last(), "sendResponse " + publishedText(0));
+    endpoint.sendArrayResponse({Value(1), Value("two"), Value(foundation::json::Null{})});
+    EXPECT_EQ(publishedText(1), R"([1,"two",null])");
+    EXPECT_EQ(log.last(), "sendArrayResponse " + publishedText(1));
 }
 
 TEST_F(PubSubDSImplTest, DataUpdatedSendsThePageAsTextAndCountsFromTheRange) {
@@ -341,7 +293,6 @@ TEST_F(PubSubDSImplTest, DataUpdatedSendsThePageAsTextAndCountsFromTheRange) {
     page.sizeChanged = true;
     page.data = {Value(Array{Value("x"), Value(1.5)}), Value(Object{{"k", Value(true)}})};
     endpoint.dataUpdated(page);
-
     const Object expected{
         {"source", Value("server")},   {"eventType", Value(2)},
         {"startRow", Value(5)},        {"endRow", Value(9)},
@@ -351,23 +302,24 @@ TEST_F(PubSubDSImplTest, DataUpdatedSendsThePageAsTextAndCountsFromTheRange) {
         {"rowCount", Value(5)},        {"columnCount", Value(4)},
         {"sizeChanged", Value(true)},  {"partialData", Value(R"([["x",1.5],{"k":true}])")},
     };
-    EXPECT_EQ(publishedObject(), expected);
+    EXPECT_EQ(publishedObject(0), expected);
 
-    // An empty page is the two-character text, and a default event counts one row and column.
+    // An empty page is the two-character text; a default event counts one row and one column.
     endpoint.dataUpdated(DSEvent{});
     Object empty = publishedObject(1);
     EXPECT_EQ(empty["partialData"], Value("[]"));
     EXPECT_EQ(empty["rowCount"], Value(1));
     EXPECT_EQ(empty["columnCount"], Value(1));
     EXPECT_EQ(empty["sizeChanged"], Value(false));
-    EXPECT_EQ(empty["startRow"], Value(-1));
+
+    // Counts of extreme ranges do not overflow.
+    page.startRow = -2147483647 - 1;
+    page.endRow = 2147483647;
+    endpoint.dataUpdated(page);
+    EXPECT_EQ(publishedObject(2)["rowCount"], Value(4294967296.0));
 }
 
-DSModelEventData element(int row, int column, Object properties) {
-    return DSModelEventData{row, column, std::move(properties)};
-}
-
-TEST_F(PubSubDSImplTest, ColumnAndRowMetaDataAreNumberedFromOne) {
+TEST_F(PubSubDSImplTest, MetaDataIsNumberedFromOneByKind) {
     DSModelEvent columns;
     columns.eventType = 4;
     columns.startRow = 2;
@@ -376,92 +328,61 @@ TEST_F(PubSubDSImplTest, ColumnAndRowMetaDataAreNumberedFromOne) {
     columns.endColumn = 1;
     columns.fullStartColumn = 0;
     columns.fullEndColumn = 12;
+    // An added number replaces a property of the same name.
     columns.data =
         DSModelEvent::List{element(9, 0, {{"Label", Value("Name")}, {"ColumnNumber", Value(77)}}),
-                           element(9, 1, {{"Label", Value("Value")}})};
+                           element(9, 2147483647, {})};
     endpoint.metaDataUpdated(columns);
-    EXPECT_EQ(lastLogLine(), kLogPrefix + "sendResponse " + service->published().back().text);
-    EXPECT_NE(log.str().find(kLogPrefix + "metaDataUpdated startRow = 2, endRow = 3\n"),
-              std::string::npos);
-
-    const Object expectedColumns{
-        {"eventType", Value(4)},
-        {"source", Value("server")},
-        {"metaDataType", Value("ColumnModelProperties")},
-        {"properties",
-         Value(Array{Value(Object{{"Label", Value("Name")}, {"ColumnNumber", Value(1)}}),
-                     Value(Object{{"Label", Value("Value")}, {"ColumnNumber", Value(2)}})})},
-        {"startColumn", Value(0)},
-        {"endColumn", Value(1)},
-        {"fullStartColumn", Value(0)},
-        {"fullEndColumn", Value(12)},
-    };
-    EXPECT_EQ(publishedObject(0), expectedColumns);
+    EXPECT_TRUE(log.contains("metaDataUpdated startRow = 2, endRow = 3"));
+    EXPECT_EQ(publishedText(0),
+              R"({"endColumn":1,"eventType":4,"fullEndColumn":12,"fullStartColumn":0,)"
+              R"("metaDataType":"ColumnModelProperties","properties":[{"ColumnNumber":1,)"
+              R"("Label":"Name"},{"ColumnNumber":2147483648}],"source":"server","startColumn":0})");
 
     DSModelEvent rows;
     rows.eventType = 5;
-    rows.startRow = 4;
-    rows.endRow = 4;
+    rows.startRow = rows.endRow = 4;
     rows.fullStartRow = 0;
     rows.fullEndRow = 10;
     rows.data = DSModelEvent::List{element(4, 8, {{"Bold", Value(true)}})};
     endpoint.metaDataUpdated(rows);
-    const Object expectedRows{
-        {"eventType", Value(5)},
-        {"source", Value("server")},
-        {"metaDataType", Value("RowModelProperties")},
-        {"properties", Value(Array{Value(Object{{"Bold", Value(true)}, {"RowNumber", Value(5)}})})},
-        {"startRow", Value(4)},
-        {"endRow", Value(4)},
-        {"fullStartRow", Value(0)},
-        {"fullEndRow", Value(10)},
-    };
-    EXPECT_EQ(publishedObject(1), expectedRows);
-}
+    EXPECT_EQ(publishedText(1),
+              R"({"endRow":4,"eventType":5,"fullEndRow":10,"fullStartRow":0,)"
+              R"("metaDataType":"RowModelProperties","properties":[{"Bold":true,"RowNumber":5}],)"
+              R"("source":"server","startRow":4})");
 
-TEST_F(PubSubDSImplTest, TableCellAndUnknownMetaData) {
     DSModelEvent table;
     table.eventType = 3;
     endpoint.metaDataUpdated(table);
-    EXPECT_EQ(service->published().at(0).text,
-              R"({"eventType":3,"metaDataType":"TableModelProperties","properties":[],)"
-              R"("source":"server"})");
+    EXPECT_EQ(publishedText(2), R"({"eventType":3,"metaDataType":"TableModelProperties",)"
+                                R"("properties":[],"source":"server"})");
 
     DSModelEvent cells;
     cells.eventType = 6;
-    cells.startRow = 1;
-    cells.data =
-        DSModelEvent::Grid{{element(0, 0, {{"Editable", Value(false)}}), element(0, 1, {})},
-                           {},
-                           {element(2, 5, {{"RowNumber", Value(-1)}})}};
+    cells.data = DSModelEvent::Grid{
+        {element(0, 0, {{"Editable", Value(false)}}), element(0, 1, {})}, {}, {element(2, 5, {})}};
     endpoint.metaDataUpdated(cells);
-    const Object expectedCells{
-        {"eventType", Value(6)},
-        {"source", Value("server")},
-        {"metaDataType", Value("CellModelProperties")},
-        {"properties",
-         Value(Array{
-             Value(Array{Value(Object{{"Editable", Value(false)},
-                                      {"ColumnNumber", Value(1)},
-                                      {"RowNumber", Value(1)}}),
-                         Value(Object{{"ColumnNumber", Value(2)}, {"RowNumber", Value(1)}})}),
-             Value(Array{}),
-             Value(Array{Value(Object{{"ColumnNumber", Value(6)}, {"RowNumber", Value(3)}})}),
-         })},
+    const auto cell = [](int row, int column) {
+        return Value(Object{{"RowNumber", Value(row)}, {"ColumnNumber", Value(column)}});
     };
-    EXPECT_EQ(publishedObject(1), expectedCells);
+    const Value firstCell(
+        Object{{"Editable", Value(false)}, {"RowNumber", Value(1)}, {"ColumnNumber", Value(1)}});
+    EXPECT_EQ(publishedObject(3),
+              (Object{{"eventType", Value(6)},
+                      {"source", Value("server")},
+                      {"metaDataType", Value("CellModelProperties")},
+                      {"properties", Value(Array{Value(Array{firstCell, cell(1, 2)}),
+                                                 Value(Array{}), Value(Array{cell(3, 6)})})}}));
 
-    DSModelEvent other;
+    DSModelEvent other = rows;
     other.eventType = 7;
-    other.startRow = 1;
-    other.data = DSModelEvent::List{element(0, 0, {{"x", Value(1)}})};
     endpoint.metaDataUpdated(other);
-    EXPECT_EQ(service->published().at(2).text, R"({"eventType":7,"source":"server"})");
+    EXPECT_EQ(publishedText(4), R"({"eventType":7,"source":"server"})");
 }
 
 TEST_F(PubSubDSImplTest, WrongListKindForMetaDataPublishesNothing) {
     DSModelEvent cells;
-    cells.eventType = 6; // needs the per-row lists
+    cells.eventType = 6; // needs one list per row
     cells.data = DSModelEvent::List{element(0, 0, {})};
     EXPECT_THROW(endpoint.metaDataUpdated(cells), std::bad_variant_access);
     for (int type : {3, 4, 5}) {
@@ -473,45 +394,30 @@ TEST_F(PubSubDSImplTest, WrongListKindForMetaDataPublishesNothing) {
     EXPECT_TRUE(service->published().empty());
 }
 
-TEST_F(PubSubDSImplTest, ExtremeIndicesDoNotOverflow) {
-    DSEvent page;
-    page.startRow = -2147483647 - 1;
-    page.endRow = 2147483647;
-    page.startColumn = 0;
-    page.endColumn = -1;
-    endpoint.dataUpdated(page);
-    Object sent = publishedObject();
-    EXPECT_EQ(sent["rowCount"], Value(4294967296.0));
-    EXPECT_EQ(sent["columnCount"], Value(0));
-
-    DSModelEvent columns;
-    columns.eventType = 4;
-    columns.data = DSModelEvent::List{element(0, 2147483647, {})};
-    endpoint.metaDataUpdated(columns);
-    Object meta = publishedObject(1);
-    EXPECT_EQ(meta["properties"].get<Array>().at(0).get<Object>().at("ColumnNumber"),
-              Value(2147483648.0));
-}
-
-TEST_F(PubSubDSImplTest, SendArrayResponsePublishesTheArray) {
-    endpoint.sendArrayResponse({Value(1), Value("two"), Value(foundation::json::Null{})});
-    const auto published = service->published();
-    ASSERT_EQ(published.size(), 1u);
-    EXPECT_EQ(published[0].text, R"([1,"two",null])");
-    EXPECT_EQ(lastLogLine(), kLogPrefix + "sendArrayResponse " + published[0].text);
-}
-
-TEST_F(PubSubDSImplTest, GenerateJsonDataAndGetMapKeys) {
+TEST_F(PubSubDSImplTest, GenerateJsonDataNestsRowsOfLabels) {
     EXPECT_EQ(endpoint.generateJsonData(0, 1, 0, 1), R"([["0_0", "0_1"], ["1_0", "1_1"]])");
     EXPECT_EQ(endpoint.generateJsonData(3, 2, 0, 1), "[]");
     EXPECT_EQ(endpoint.generateJsonData(-1, 0, 5, 4), "[[], []]");
     // A range ending at the largest int terminates.
     EXPECT_EQ(endpoint.generateJsonData(2147483647, 2147483647, 2147483647, 2147483647),
               R"([["2147483647_2147483647"]])");
+}
 
-    EXPECT_EQ(PubSubDSImpl::getMapKeys({{"b", "1"}, {"a", "2"}, {"c", ""}}),
-              (std::vector<std::string>{"a", "b", "c"}));
-    EXPECT_TRUE(PubSubDSImpl::getMapKeys({}).empty());
+TEST(PubSubDSImplLocalService, RequestAndReplyTravelThroughTheInProcessService) {
+    auto service = std::make_shared<connector::message_service::LocalMessageService>();
+    PubSubDSImpl endpoint(service, kChannel);
+    struct SizeAnswerer : RecordingObserver {
+        PubSubDSImpl* endpoint = nullptr;
+        void handleClientGetSize() override { endpoint->sizeUpdated(3, 13); }
+    } observer;
+    observer.endpoint = &endpoint;
+    endpoint.addDSObserver(&observer);
+    std::vector<std::string> received;
+    auto client = service->subscribeClient(
+        kChannel, [&](const JsonMessage& m) { received.emplace_back(m.text()); });
+    service->publishFromClient(kChannel, R"({"eventType":13})");
+    EXPECT_EQ(received, std::vector<std::string>{
+                            R"({"columnCount":13,"eventType":1,"rowCount":3,"source":"server"})"});
 }
 
 } // namespace
