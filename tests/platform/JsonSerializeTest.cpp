@@ -63,6 +63,39 @@ TEST(JsonSerialize, StringsEscapeQuotesBackslashesAndControlCharacters) {
               "\"gr\xC3\xBC\xC3\x9F \xE6\x97\xA5 \xF0\x9F\x98\x80\"");
 }
 
+TEST(JsonSerialize, EscapesAreFoundAtEveryPositionOfLongStrings) {
+    // Plain text is scanned several bytes at a time; an escape must be caught wherever it sits,
+    // next to multi-byte characters too.
+    const auto reference = [](const std::string& s) {
+        std::string out = "\"";
+        for (char c : s) {
+            if (c == '"' || c == '\\')
+                out += std::string("\\") + c;
+            else if (c == '\n')
+                out += "\\n";
+            else if (c == '\x1f')
+                out += "\\u001f";
+            else
+                out += c;
+        }
+        return out + "\"";
+    };
+    const std::string base = "abcdefgh\xC3\xA9ijklmnopqrstuvwx\xE2\x82\xACyz";
+    for (const char special : {'"', '\\', '\n', '\x1f'}) {
+        for (std::size_t at = 0; at <= base.size(); ++at) {
+            std::string s = base;
+            s.insert(at, 1, special);
+            EXPECT_EQ(serialize(Value(s)), reference(s)) << "at " << at;
+        }
+    }
+    EXPECT_EQ(serialize(Value(base + base)), reference(base + base));
+    // Every byte escaped: the output grows six-fold while being written.
+    std::string expected = "\"";
+    for (int i = 0; i < 1000; ++i)
+        expected += "\\u001f";
+    EXPECT_EQ(serialize(Value(std::string(1000, '\x1f'))), expected + "\"");
+}
+
 TEST(JsonSerialize, ContainersAreCompactWithKeysInOrder) {
     Value v(Object{{"z", Array{}},
                    {"a\"b", Object{}},

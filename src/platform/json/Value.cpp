@@ -5,6 +5,9 @@
 
 namespace foundation::json {
 
+// Arrays of values are the bulk of every page of rows; keep the element small.
+static_assert(sizeof(Value) <= 40);
+
 Value::Value(const char* s) {
     if (s == nullptr) {
         ::new (&mNull) Null{};
@@ -193,10 +196,23 @@ bool operator==(const Value& a, const Value& b) {
         return a.mDouble == b.mDouble;
     case Kind::String:
         return a.mString == b.mString;
-    case Kind::Array:
-        return a.mArray == b.mArray;
-    case Kind::Object:
-        return *a.mObject == *b.mObject;
+    case Kind::Array: {
+        // Plain loops keep the frame of each nesting level small.
+        if (a.mArray.size() != b.mArray.size())
+            return false;
+        for (std::size_t i = 0; i < a.mArray.size(); ++i)
+            if (!(a.mArray[i] == b.mArray[i]))
+                return false;
+        return true;
+    }
+    case Kind::Object: {
+        if (a.mObject->size() != b.mObject->size())
+            return false;
+        for (auto i = a.mObject->begin(), j = b.mObject->begin(); i != a.mObject->end(); ++i, ++j)
+            if (i->first != j->first || !(i->second == j->second))
+                return false;
+        return true;
+    }
     case Kind::Float:
         return a.mFloat == b.mFloat;
     case Kind::Long:

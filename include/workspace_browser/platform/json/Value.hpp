@@ -48,7 +48,9 @@ template <> struct traits<int> { static constexpr const char* name = "int"; };
 // One JSON value of one of ten kinds. A value is 40 bytes: scalars and strings are held inline,
 // arrays inline as a vector, objects behind one owned pointer, so moves never allocate and a
 // parser can build arrays in place (reserve, emplace_back) and move them in.
-// A moved-from value is Undefined.
+// A moved-from value is Undefined. Copying, comparing and destroying recurse once per nesting
+// level with small frames (10,000 levels fit in 1 MB of stack in optimised builds); serializing
+// does not recurse at all.
 // Thread-safety: none of its own; concurrent reads are safe, any write needs exclusive access.
 class WSB_EXPORT Value {
 public:
