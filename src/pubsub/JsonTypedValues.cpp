@@ -3,15 +3,23 @@
 
 #include <boost/numeric/conversion/converter.hpp>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 
 namespace workspace_browser_startup {
 
@@ -32,7 +40,7 @@ IntegerRule ruleForTypeName(std::string_view name) {
     return IntegerRule::None;
 }
 
-bool isKey(const std::string& key, const char (&literal)[7]) {
+bool isKey(std::string_view key, const char (&literal)[7]) {
     return key.size() == 6 && std::memcmp(key.data(), literal, 6) == 0;
 }
 
@@ -45,9 +53,24 @@ inline bool isJsonSpace(char c) {
 }
 
 // Returns the first '"', '\\' or control character in [p, end), or end. Strings without escapes
-// are the common case, so this looks at eight bytes per step: each mask below has its lowest
-// set bit in the first byte that matches (borrows only ever run towards higher bytes).
+// are the common case, so this looks at sixteen bytes per step where SSE2 is available, then at
+// eight: each mask below has its lowest set bit in the first byte that matches (borrows only
+// ever run towards higher bytes).
 inline const char* findStringSpecial(const char* p, const char* end) {
+#if defined(__SSE2__)
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i backslash = _mm_set1_epi8('\\');
+    const __m128i lastControl = _mm_set1_epi8(0x1F);
+    while (end - p >= 16) {
+        const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i control = _mm_cmpeq_epi8(_mm_max_epu8(chunk, lastControl), lastControl);
+        const __m128i hits = _mm_or_si128(
+            _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash)), control);
+        if (const int mask = _mm_movemask_epi8(hits))
+            return p + std::countr_zero(static_cast<unsigned>(mask));
+        p += 16;
+    }
+#endif
     if constexpr (std::endian::native == std::endian::little) {
         constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
         constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
@@ -101,6 +124,50 @@ void appendUtf8(std::string& out, std::uint32_t cp) {
     }
 }
 
+// Where a parsed value goes. Constructing the value in its final place (a new map node or
+// vector slot) saves a temporary and a move for every member and element.
+struct MemberSink {
+    json::Object& object;
+    std::string_view key;
+    json::Value* placed = nullptr;
+
+    template <class T> json::Value& operator()(T&& payload) {
+        auto [it, inserted] = object.emplace(std::piecewise_construct, std::forward_as_tuple(key),
+                                             std::forward_as_tuple());
+        if constexpr (std::is_nothrow_constructible_v<json::Value, T&&>) {
+            if (inserted) {
+                // The new member is Undefined, which owns nothing, so the payload is built over
+                // it directly instead of through a temporary and a move. Only constructors that
+                // cannot throw are used this way, so the member is never left half-built.
+                ::new (static_cast<void*>(&it->second)) json::Value(std::forward<T>(payload));
+                placed = &it->second;
+                return it->second;
+            }
+        }
+        // A repeated key keeps its last value.
+        it->second = json::Value(std::forward<T>(payload));
+        placed = &it->second;
+        return it->second;
+    }
+};
+
+struct ElementSink {
+    json::Array& array;
+
+    template <class T> json::Value& operator()(T&& payload) {
+        return array.emplace_back(std::forward<T>(payload));
+    }
+};
+
+struct ValueSink {
+    json::Value& target;
+
+    template <class T> json::Value& operator()(T&& payload) {
+        target = json::Value(std::forward<T>(payload));
+        return target;
+    }
+};
+
 // One parse of one text. Every parse function returns false after recording the first failure
 // (code and position); the caller then unwinds without touching the text again.
 class Parser {
@@ -142,6 +209,9 @@ private:
     bool failEnd() { return fail(pr::kUnexpectedEnd, mEnd); }
 
     void skipSpace() {
+        // Compact messages have no white space at all, so rule that out with one comparison.
+        if (mP != mEnd && static_cast<unsigned char>(*mP) > ' ')
+            return;
         while (mP != mEnd && isJsonSpace(*mP))
             ++mP;
     }
@@ -172,8 +242,9 @@ private:
         const char* dataEnd = nullptr;
 
         for (;;) {
-            std::string key;
-            if (!parseString(key))
+            std::string_view key;
+            std::string decodedKey;
+            if (!parseString(key, decodedKey))
                 return false;
             skipSpace();
             if (mP == mEnd)
@@ -187,20 +258,20 @@ private:
 
             const bool isData = isKey(key, "vxdata");
             const bool isType = !isData && isKey(key, "vxtype");
-            json::Value& slot = object.try_emplace(std::move(key)).first->second;
+            MemberSink sink{object, key};
             if (isData) {
                 const char* valueBegin = mP;
-                const bool ok = rule == IntegerRule::None ? parseValue(slot, depth + 1)
-                                                          : parseTypedIntegers(slot, rule);
+                const bool ok = rule == IntegerRule::None ? parseValue(sink, depth + 1)
+                                                          : parseTypedIntegers(sink, rule);
                 if (!ok)
                     return false;
                 dataBegin = valueBegin;
                 dataEnd = mP;
             } else {
-                if (!parseValue(slot, depth + 1))
+                if (!parseValue(sink, depth + 1))
                     return false;
-                if (isType && slot.is<std::string>()) {
-                    const IntegerRule named = ruleForTypeName(slot.get<std::string>());
+                if (isType && sink.placed->is<std::string>()) {
+                    const IntegerRule named = ruleForTypeName(sink.placed->get<std::string>());
                     if (named != IntegerRule::None) {
                         rule = named;
                         if (dataBegin != nullptr && !reparseData(object, rule, dataBegin, dataEnd))
@@ -232,7 +303,7 @@ private:
         Parser again(mBegin, end);
         again.mP = begin;
         json::Value typed;
-        if (!again.parseTypedIntegers(typed, rule))
+        if (!again.parseTypedIntegers(ValueSink{typed}, rule))
             return fail(again.mCode, again.mFailAt);
         object["vxdata"] = std::move(typed);
         mP = resume;
@@ -253,12 +324,8 @@ private:
         }
         array.reserve(4);
         for (;;) {
-            if (!parseValue(array.emplace_back(), depth + 1)) {
-                // An element that failed before it began would read as a spurious null.
-                if (array.back().is<json::Undefined>())
-                    array.pop_back();
+            if (!parseValue(ElementSink{array}, depth + 1))
                 return false;
-            }
             skipSpace();
             if (mP == mEnd)
                 return failEnd();
@@ -276,36 +343,39 @@ private:
     }
 
     // `depth` is the depth a nested array or object starting here would have.
-    bool parseValue(json::Value& out, std::size_t depth) {
+    template <class Sink> bool parseValue(Sink&& sink, std::size_t depth) {
         if (mP == mEnd)
             return failEnd();
         switch (*mP) {
         case '"': {
-            out = json::Value(std::string());
-            return parseString(out.get<std::string>());
+            std::string_view text;
+            std::string decoded;
+            if (!parseString(text, decoded))
+                return false;
+            if (text.data() == decoded.data())
+                sink(std::move(decoded));
+            else
+                sink(std::string(text));
+            return true;
         }
-        case '{': {
-            out = json::Value(json::Object());
-            return parseObjectBody(out.get<json::Object>(), depth);
-        }
-        case '[': {
-            out = json::Value(json::Array());
-            return parseArrayBody(out.get<json::Array>(), depth);
-        }
+        case '{':
+            return parseObjectBody(sink(json::Object()).template get<json::Object>(), depth);
+        case '[':
+            return parseArrayBody(sink(json::Array()).template get<json::Array>(), depth);
         case 't':
-            return parseLiteral("true", 4, out, json::Value(true));
+            return parseLiteral("true", 4) && (sink(true), true);
         case 'f':
-            return parseLiteral("false", 5, out, json::Value(false));
+            return parseLiteral("false", 5) && (sink(false), true);
         case 'n':
-            return parseLiteral("null", 4, out, json::Value(json::Null()));
+            return parseLiteral("null", 4) && (sink(json::Null()), true);
         default:
             if (*mP == '-' || isDigit(*mP))
-                return parseNumber(out);
+                return parseNumber(sink);
             return fail(pr::kInvalidValue, mP);
         }
     }
 
-    bool parseLiteral(const char* word, std::size_t length, json::Value& out, json::Value value) {
+    bool parseLiteral(const char* word, std::size_t length) {
         const auto left = static_cast<std::size_t>(mEnd - mP);
         const std::size_t compared = std::min(left, length);
         if (std::memcmp(mP, word, compared) != 0)
@@ -313,12 +383,11 @@ private:
         if (compared < length)
             return failEnd();
         mP += length;
-        out = std::move(value);
         return true;
     }
 
     // An ordinary number, as a double. mP is at '-' or a digit.
-    bool parseNumber(json::Value& out) {
+    template <class Sink> bool parseNumber(Sink& sink) {
         const char* start = mP;
         if (*mP == '-')
             ++mP;
@@ -366,7 +435,7 @@ private:
         // Up to 15 digits an integer is exact in a double, so no conversion routine is needed.
         if (plainInteger && integerDigits <= 15) {
             const auto magnitude = static_cast<double>(mantissa);
-            out = json::Value(*start == '-' ? -magnitude : magnitude);
+            sink(*start == '-' ? -magnitude : magnitude);
             return true;
         }
         double value = 0;
@@ -391,17 +460,20 @@ private:
             }
             if (scale > 0)
                 return fail(pr::kInvalidNumber, start);
-            out = json::Value(*start == '-' ? -0.0 : 0.0);
+            sink(*start == '-' ? -0.0 : 0.0);
             return true;
         }
         if (error != std::errc() || end != mP)
             return fail(pr::kInvalidNumber, start);
-        out = json::Value(value);
+        sink(value);
         return true;
     }
 
     // mP is at the opening quote (or whatever stands in its place).
-    bool parseString(std::string& out) {
+    // On success `text` is the string's content: a view of the input when it has no escapes
+    // (the common case, copied once by the caller straight into its final place), otherwise a
+    // view of `decoded`.
+    bool parseString(std::string_view& text, std::string& decoded) {
         if (mP == mEnd)
             return failEnd();
         if (*mP != '"')
@@ -410,11 +482,12 @@ private:
         const char* run = mP;
         const char* special = findStringSpecial(run, mEnd);
         if (special != mEnd && *special == '"') {
-            out.assign(run, special);
+            text = std::string_view(run, static_cast<std::size_t>(special - run));
             mP = special + 1;
             return true;
         }
         // Escapes (or an error): copy the plain runs in between as whole spans.
+        std::string& out = decoded;
         out.reserve(static_cast<std::size_t>(special - run) + 16);
         for (;;) {
             out.append(run, special);
@@ -424,6 +497,7 @@ private:
             const char c = *mP;
             if (c == '"') {
                 ++mP;
+                text = out;
                 return true;
             }
             if (c != '\\')
@@ -515,14 +589,13 @@ private:
     }
 
     // "vxdata" under a recognised type name: an array of decimal integers kept exact.
-    bool parseTypedIntegers(json::Value& out, IntegerRule rule) {
+    template <class Sink> bool parseTypedIntegers(Sink&& sink, IntegerRule rule) {
         if (mP == mEnd)
             return failEnd();
         if (*mP != '[')
             return fail(pr::kTypedArrayExpected, mP);
         ++mP;
-        out = json::Value(json::Array());
-        json::Array& array = out.get<json::Array>();
+        json::Array& array = sink(json::Array()).template get<json::Array>();
         // Elements are plain numbers, so the first ']' closes the array and the commas before
         // it count the elements: one cheap scan saves every reallocation of a large array.
         if (const void* close = std::memchr(mP, ']', static_cast<std::size_t>(mEnd - mP))) {
@@ -630,8 +703,8 @@ std::int32_t readIntLikeStream(const std::string& text) {
     bool negative = false;
     if (p != end && (*p == '-' || *p == '+'))
         negative = *p++ == '-';
-    // Accumulate as a negative number so that INT_MIN needs no special case; stop adding once
-    // past the limit (the result is clamped anyway).
+    // A 64-bit magnitude holds every int of either sign; once it is past the int range further
+    // digits cannot bring it back, so it stops growing (the result is clamped anyway).
     constexpr std::int64_t kLimit = std::int64_t{INT_MAX} + 2;
     std::int64_t magnitude = 0;
     for (; p != end && isDigit(*p); ++p) {
