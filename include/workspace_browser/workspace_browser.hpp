@@ -20,3 +20,12 @@
 #include <workspace_browser/datamodel/WSDataModel.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 #include <workspace_browser/threadutil/OrderedWorkQueue.hpp>
+#include <workspace_browser/viewmodel/RowRange.hpp>
+#include <workspace_browser/viewmodel/DSObserver.hpp>
+#include <workspace_browser/viewmodel/VMObserver.hpp>
+#include <workspace_browser/viewmodel/ViewModel.hpp>
+#include <workspace_browser/pubsub/DSEvent.hpp>
+#include <workspace_browser/pubsub/DSModelEventData.hpp>
+#include <workspace_browser/pubsub/DSModelEvent.hpp>
+#include <workspace_browser/pubsub/PubSubDSImpl.hpp>
+#include <workspace_browser/pubsub/PubSubVMImpl.hpp>

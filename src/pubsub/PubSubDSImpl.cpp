@@ -1,0 +1,410 @@
+#include <workspace_browser/pubsub/PubSubDSImpl.hpp>
+
+#include <workspace_browser/platform/DiagnosticLogger.hpp>
+#include <workspace_browser/platform/json/Serialize.hpp>
+#include <workspace_browser/pubsub/JsonTypedValues.hpp>
+
+#include "PublishText.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+using connector::message_service::JsonMessage;
+using foundation::json::Array;
+using foundation::json::Object;
+using foundation::json::Value;
+using workspace_browser_startup::JsonTypedValues;
+using workspace_browser_startup::detail::publishText;
+
+// Initialised at load in this order; the JSON keys and values of the paging protocol.
+const std::string PubSubDSImpl::MESSAGE_SERVICE_INSTANCE_NAME = "WSB";
+const std::string PubSubDSImpl::PARSE_SUCCESS_FLAG = "parseSuccess";
+const std::string PubSubDSImpl::EVENT_PROPERTY_TYPE = "eventType";
+const std::string PubSubDSImpl::EVENT_PROPERTY_STATUS = "status";
+const std::string PubSubDSImpl::EVENT_PROPERTY_SOURCE = "source";
+const std::string PubSubDSImpl::EVENT_PROPERTY_START_ROW = "startRow";
+const std::string PubSubDSImpl::EVENT_PROPERTY_START_COLUMN = "startColumn";
+const std::string PubSubDSImpl::EVENT_PROPERTY_END_ROW = "endRow";
+const std::string PubSubDSImpl::EVENT_PROPERTY_END_COLUMN = "endColumn";
+const std::string PubSubDSImpl::EVENT_PROPERTY_FULL_START_ROW = "fullStartRow";
+const std::string PubSubDSImpl::EVENT_PROPERTY_FULL_START_COLUMN = "fullStartColumn";
+const std::string PubSubDSImpl::EVENT_PROPERTY_FULL_END_ROW = "fullEndRow";
+const std::string PubSubDSImpl::EVENT_PROPERTY_FULL_END_COLUMN = "fullEndColumn";
+const std::string PubSubDSImpl::EVENT_PROPERTY_PARTIAL_DATA = "partialData";
+const std::string PubSubDSImpl::EVENT_PROPERTY_ROW_COUNT = "rowCount";
+const std::string PubSubDSImpl::EVENT_PROPERTY_COLUMN_COUNT = "columnCount";
+const std::string PubSubDSImpl::EVENT_PROPERTY_SIZE_CHANGED = "sizeChanged";
+const std::string PubSubDSImpl::EVENT_VALUE_STATUS_SUCCESS = "success";
+const std::string PubSubDSImpl::EVENT_VALUE_STATUS_FAILURE = "error";
+const std::string PubSubDSImpl::EVENT_VALUE_SOURCE_SERVER = "server";
+const std::string PubSubDSImpl::EVENT_VALUE_SOURCE_CLIENT = "client";
+const std::string PubSubDSImpl::EVENT_TYPE_EDIT_DATA = "data";
+const std::string PubSubDSImpl::EVENT_TYPE_EDIT_ROW = "row";
+const std::string PubSubDSImpl::EVENT_TYPE_EDIT_COLUMN = "column";
+const std::string PubSubDSImpl::EVENT_TYPE_SORT_COLUMN = "column";
+const std::string PubSubDSImpl::EVENT_TYPE_SORT_ASCENDING = "ascending";
+const std::string PubSubDSImpl::DEFAULT_PAGING_CHANNEL = "/DDT/PubSubPaging_";
+std::int32_t PubSubDSImpl::CURRENT_DS_OFFSET = 1;
+
+namespace {
+
+const foundation::log::basic_diagnostic_logger gLogger("zentra::datatools::PubSubDS");
+constexpr int kLevel = foundation::log::kOrdinary;
+
+// Client message codes.
+enum ClientMessage : std::int32_t {
+    CLIENT_MSG_SET_VIEWPORT = 10,
+    CLIENT_MSG_GET_DATA = 11,
+    CLIENT_MSG_SET_DATA = 12,
+    CLIENT_MSG_GET_SIZE = 13,
+    CLIENT_MSG_GET_METADATA = 14,
+    CLIENT_MSG_SET_TABLE_METADATA = 15,
+    CLIENT_MSG_SET_COL_METADATA = 16,
+    CLIENT_MSG_SET_ROW_METADATA = 17,
+    CLIENT_MSG_SET_CELL_METADATA = 18,
+    CLIENT_MSG_SET_READY = 19,
+    CLIENT_MSG_GET_TABLE_METADATA = 20,
+    CLIENT_MSG_GET_COL_METADATA = 21,
+    CLIENT_MSG_GET_ROW_METADATA = 22,
+    CLIENT_MSG_GET_CELL_METADATA = 23,
+    CLIENT_MSG_SET_SORT_COLUMN = 24,
+};
+
+// Server message types.
+constexpr int kSizeUpdated = 1;
+constexpr int kDataUpdated = 2;
+constexpr int kTableMetaData = 3;
+constexpr int kColumnMetaData = 4;
+constexpr int kRowMetaData = 5;
+constexpr int kCellMetaData = 6;
+
+const std::string kColumnNumber = "ColumnNumber";
+const std::string kRowNumber = "RowNumber";
+const std::string kMetaDataType = "metaDataType";
+const std::string kProperties = "properties";
+
+// The client is told 1-based numbers; computed wide so that the largest index cannot overflow.
+Value oneBased(std::int32_t index) {
+    return Value(static_cast<double>(std::int64_t{index} + 1));
+}
+
+// Inclusive range length, computed wide for the same reason; no clamping, so a range of -1 to -1
+// counts 1.
+Value count(std::int32_t start, std::int32_t end) {
+    return Value(static_cast<double>(std::int64_t{end} - std::int64_t{start} + 1));
+}
+
+} // namespace
+
+struct PubSubDSImpl::RetainedEvent {
+    DSEvent event;
+    RetainedEvent* next = nullptr;
+};
+
+PubSubDSImpl::PubSubDSImpl(std::shared_ptr<connector::message_service::MessageService> service,
+                           std::string channelName)
+    : messageService(std::move(service)), channel(std::move(channelName)) {
+    WSB_LOG(gLogger, kLevel) << "PubSubDSImpl on channel " << channel;
+    setupSubscription();
+}
+
+PubSubDSImpl::~PubSubDSImpl() {
+    // End the subscription before anything a late delivery could touch goes away.
+    subscription.reset();
+    RetainedEvent* node = retainedEvents.exchange(nullptr, std::memory_order_acquire);
+    while (node) {
+        std::unique_ptr<RetainedEvent> owned(node);
+        node = node->next;
+    }
+}
+
+void PubSubDSImpl::setupSubscription() {
+    auto future = messageService->subscribe(channel, [this](const JsonMessage& message) {
+        WSB_LOG(gLogger, kLevel) << "PubSubDSImpl message recieved " << message.text();
+        martialMessage(message);
+    });
+    if (!future.valid())
+        throw std::runtime_error("Future state isn't valid!");
+    future.wait();
+    subscription = future.get();
+}
+
+void PubSubDSImpl::addDSObserver(DSObserver* observer) {
+    observers.push_back(observer);
+}
+
+void PubSubDSImpl::removeDSObserver(DSObserver* observer) {
+    observers.erase(std::remove(observers.begin(), observers.end(), observer), observers.end());
+}
+
+Object PubSubDSImpl::convertMessageToJson(const JsonMessage& message) {
+    Object result;
+    const std::string_view text = message.text();
+    const int code = JsonTypedValues::parseObject(text.data(), text.data() + text.size(), result);
+    if (code == 0) {
+        result[PARSE_SUCCESS_FLAG] = true;
+    } else {
+        result[PARSE_SUCCESS_FLAG] = false;
+        WSB_LOG(gLogger, kLevel) << "convertMessageToJson JSON Parse Error";
+    }
+    return result;
+}
+
+DSEvent& PubSubDSImpl::retainNewEvent() {
+    auto* node = new RetainedEvent;
+    node->next = retainedEvents.load(std::memory_order_relaxed);
+    while (!retainedEvents.compare_exchange_weak(node->next, node, std::memory_order_release,
+                                                 std::memory_order_relaxed)) {
+    }
+    return node->event;
+}
+
+void PubSubDSImpl::martialMessage(const JsonMessage& message) {
+    Object msg = convertMessageToJson(message);
+
+    // A failed parse is decoded from whatever members it has: absent ones read as 0.
+    const std::int32_t eventType = JsonTypedValues::toInt32(msg[EVENT_PROPERTY_TYPE]);
+    const std::int32_t startRow = JsonTypedValues::toInt32(msg[EVENT_PROPERTY_START_ROW]);
+    const std::int32_t endRow = JsonTypedValues::toInt32(msg[EVENT_PROPERTY_END_ROW]);
+    const std::int32_t startColumn = JsonTypedValues::toInt32(msg[EVENT_PROPERTY_START_COLUMN]);
+    const std::int32_t endColumn = JsonTypedValues::toInt32(msg[EVENT_PROPERTY_END_COLUMN]);
+
+    // Retained before anything else can fail, so an observer that kept a reference to an
+    // earlier event, or to this one before throwing, never sees it released.
+    DSEvent& event = retainNewEvent();
+    event.source = EVENT_VALUE_SOURCE_CLIENT;
+    event.eventType = eventType;
+    event.startRow = startRow;
+    event.endRow = endRow;
+    event.startColumn = startColumn;
+    event.endColumn = endColumn;
+    event.fullStartRow = startRow;
+    event.fullEndRow = endRow;
+    event.fullStartColumn = startColumn;
+    event.fullEndColumn = endColumn;
+
+    // By index, so that an observer registering another one while being called cannot leave the
+    // loop with a dangling iterator.
+    const auto notify = [this](auto&& call) {
+        for (std::size_t i = 0; i < observers.size(); ++i)
+            call(*observers[i]);
+    };
+
+    switch (eventType) {
+    case CLIENT_MSG_SET_VIEWPORT:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_VIEWPORT";
+        notify([&](DSObserver& o) { o.handleSetViewportRange(event); });
+        break;
+    case CLIENT_MSG_GET_DATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_DATA";
+        notify([&](DSObserver& o) { o.handleClientGetData(event); });
+        break;
+    case CLIENT_MSG_SET_DATA: {
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_DATA";
+        // An edit names one cell: both ends of the range are that cell.
+        event.startRow = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_ROW]);
+        event.endRow = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_ROW]);
+        event.startColumn = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_COLUMN]);
+        event.endColumn = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_COLUMN]);
+        event.data.emplace_back(JsonTypedValues::toString(msg[EVENT_TYPE_EDIT_DATA]));
+        notify([&](DSObserver& o) { o.handleClientSetData(event); });
+        break;
+    }
+    case CLIENT_MSG_GET_SIZE:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_SIZE";
+        notify([](DSObserver& o) { o.handleClientGetSize(); });
+        break;
+    case CLIENT_MSG_GET_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_METADATA";
+        notify([&](DSObserver& o) { o.handleClientGetMetaData(event); });
+        break;
+    // The client may send metadata changes, but nothing on the server acts on them yet: they are
+    // accepted and logged only.
+    case CLIENT_MSG_SET_TABLE_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_TABLE_METADATA";
+        break;
+    case CLIENT_MSG_SET_COL_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_COL_METADATA";
+        break;
+    case CLIENT_MSG_SET_ROW_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_ROW_METADATA";
+        break;
+    case CLIENT_MSG_SET_CELL_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_CELL_METADATA";
+        break;
+    case CLIENT_MSG_SET_READY:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_READY";
+        notify([](DSObserver& o) { o.handleClientReady(); });
+        break;
+    case CLIENT_MSG_GET_TABLE_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_TABLE_METADATA";
+        notify([&](DSObserver& o) { o.handleClientGetTableMetaData(event); });
+        break;
+    case CLIENT_MSG_GET_COL_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_COL_METADATA";
+        notify([&](DSObserver& o) { o.handleClientGetColumnMetaData(event); });
+        break;
+    case CLIENT_MSG_GET_ROW_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_ROW_METADATA";
+        notify([&](DSObserver& o) { o.handleClientGetRowMetaData(event); });
+        break;
+    case CLIENT_MSG_GET_CELL_METADATA:
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_CELL_METADATA";
+        notify([&](DSObserver& o) { o.handleClientGetCellMetaData(event); });
+        break;
+    case CLIENT_MSG_SET_SORT_COLUMN: {
+        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_SORT_COLUMN";
+        const std::int32_t column = JsonTypedValues::toInt32(msg[EVENT_TYPE_SORT_COLUMN]);
+        const bool ascending = JsonTypedValues::toBool(msg[EVENT_TYPE_SORT_ASCENDING]);
+        notify([&](DSObserver& o) { o.handleSortChanged(column, ascending); });
+        break;
+    }
+    default:
+        WSB_LOG(gLogger, kLevel) << "ERROR: Unknown message type: " << eventType;
+        break;
+    }
+}
+
+std::vector<std::string> PubSubDSImpl::getMapKeys(std::map<std::string, std::string> map) {
+    std::vector<std::string> keys;
+    keys.reserve(map.size());
+    for (auto& entry : map)
+        keys.push_back(entry.first);
+    return keys;
+}
+
+void PubSubDSImpl::sendResponse(std::map<std::string, Value> message) {
+    const std::string text = foundation::json::serialize(Value(std::move(message)));
+    WSB_LOG(gLogger, kLevel) << "sendResponse " << text;
+    publishText(*messageService, channel, text);
+}
+
+void PubSubDSImpl::sendArrayResponse(std::vector<Value> message) {
+    const std::string text = foundation::json::serialize(Value(std::move(message)));
+    WSB_LOG(gLogger, kLevel) << "sendArrayResponse " << text;
+    publishText(*messageService, channel, text);
+}
+
+void PubSubDSImpl::sizeUpdated(int rowCount, int columnCount) {
+    Object message;
+    message[EVENT_PROPERTY_SOURCE] = EVENT_VALUE_SOURCE_SERVER;
+    message[EVENT_PROPERTY_TYPE] = kSizeUpdated;
+    message[EVENT_PROPERTY_ROW_COUNT] = rowCount;
+    message[EVENT_PROPERTY_COLUMN_COUNT] = columnCount;
+    sendResponse(std::move(message));
+}
+
+void PubSubDSImpl::dataUpdated(const DSEvent& event) {
+    // The page travels as JSON text inside the message; the client parses it a second time.
+    const std::string page =
+        event.data.empty() ? std::string("[]") : foundation::json::serialize(Value(event.data));
+
+    Object message;
+    message[EVENT_PROPERTY_SOURCE] = EVENT_VALUE_SOURCE_SERVER;
+    message[EVENT_PROPERTY_TYPE] = kDataUpdated;
+    message[EVENT_PROPERTY_START_ROW] = event.startRow;
+    message[EVENT_PROPERTY_END_ROW] = event.endRow;
+    message[EVENT_PROPERTY_START_COLUMN] = event.startColumn;
+    message[EVENT_PROPERTY_END_COLUMN] = event.endColumn;
+    message[EVENT_PROPERTY_PARTIAL_DATA] = page;
+    message[EVENT_PROPERTY_FULL_START_ROW] = event.fullStartRow;
+    message[EVENT_PROPERTY_FULL_END_ROW] = event.fullEndRow;
+    message[EVENT_PROPERTY_FULL_START_COLUMN] = event.fullStartColumn;
+    message[EVENT_PROPERTY_FULL_END_COLUMN] = event.fullEndColumn;
+    message[EVENT_PROPERTY_ROW_COUNT] = count(event.startRow, event.endRow);
+    message[EVENT_PROPERTY_SIZE_CHANGED] = event.sizeChanged;
+    message[EVENT_PROPERTY_COLUMN_COUNT] = count(event.startColumn, event.endColumn);
+    sendResponse(std::move(message));
+}
+
+void PubSubDSImpl::metaDataUpdated(const DSModelEvent& event) {
+    Object message;
+    message[EVENT_PROPERTY_TYPE] = event.eventType;
+    message[EVENT_PROPERTY_SOURCE] = EVENT_VALUE_SOURCE_SERVER;
+    WSB_LOG(gLogger, kLevel) << "metaDataUpdated startRow = " << event.startRow
+                             << ", endRow = " << event.endRow;
+
+    switch (event.eventType) {
+    case kColumnMetaData: {
+        Array properties;
+        for (const DSModelEventData& element : std::get<DSModelEvent::List>(event.data)) {
+            Object object = element.properties;
+            object[kColumnNumber] = oneBased(element.column);
+            properties.emplace_back(std::move(object));
+        }
+        message[kMetaDataType] = "ColumnModelProperties";
+        message[kProperties] = std::move(properties);
+        message[EVENT_PROPERTY_START_COLUMN] = event.startColumn;
+        message[EVENT_PROPERTY_END_COLUMN] = event.endColumn;
+        message[EVENT_PROPERTY_FULL_START_COLUMN] = event.fullStartColumn;
+        message[EVENT_PROPERTY_FULL_END_COLUMN] = event.fullEndColumn;
+        break;
+    }
+    case kRowMetaData: {
+        Array properties;
+        for (const DSModelEventData& element : std::get<DSModelEvent::List>(event.data)) {
+            Object object = element.properties;
+            object[kRowNumber] = oneBased(element.row);
+            properties.emplace_back(std::move(object));
+        }
+        message[kMetaDataType] = "RowModelProperties";
+        message[kProperties] = std::move(properties);
+        message[EVENT_PROPERTY_START_ROW] = event.startRow;
+        message[EVENT_PROPERTY_END_ROW] = event.endRow;
+        message[EVENT_PROPERTY_FULL_START_ROW] = event.fullStartRow;
+        message[EVENT_PROPERTY_FULL_END_ROW] = event.fullEndRow;
+        break;
+    }
+    case kTableMetaData: {
+        Array properties;
+        for (const DSModelEventData& element : std::get<DSModelEvent::List>(event.data))
+            properties.emplace_back(element.properties);
+        message[kMetaDataType] = "TableModelProperties";
+        message[kProperties] = std::move(properties);
+        break;
+    }
+    case kCellMetaData: {
+        Array rows;
+        for (const auto& row : std::get<DSModelEvent::Grid>(event.data)) {
+            Array cells;
+            for (const DSModelEventData& element : row) {
+                Object object = element.properties;
+                object[kColumnNumber] = oneBased(element.column);
+                object[kRowNumber] = oneBased(element.row);
+                cells.emplace_back(std::move(object));
+            }
+            rows.emplace_back(std::move(cells));
+        }
+        message[kMetaDataType] = "CellModelProperties";
+        message[kProperties] = std::move(rows);
+        break;
+    }
+    default:
+        break;
+    }
+    sendResponse(std::move(message));
+}
+
+std::string PubSubDSImpl::generateJsonData(int startRow, int endRow, int startColumn,
+                                           int endColumn) {
+    // Wide counters, so that a range ending at the largest int still terminates.
+    std::string text = "[";
+    for (std::int64_t row = startRow; row <= endRow; ++row) {
+        if (row != startRow)
+            text += ", ";
+        text += "[";
+        for (std::int64_t column = startColumn; column <= endColumn; ++column) {
+            if (column != startColumn)
+                text += ", ";
+            text += '"';
+            text += std::to_string(row);
+            text += '_';
+            text += std::to_string(column);
+            text += '"';
+        }
+        text += "]";
+    }
+    text += "]";
+    return text;
+}
