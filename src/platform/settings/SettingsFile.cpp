@@ -261,7 +261,7 @@ void SettingsFile::writeAtomically(const fs::path& file, std::string_view text,
 fs::path SettingsFile::userDirectory() {
     if (const char* dir = std::getenv("WSB_SETTINGS_DIR"); dir != nullptr && *dir != '\0')
         return fs::path(dir);
-    // The base directory specification asks to ignore relative values.
+    // A relative XDG_CONFIG_HOME is ignored, as the XDG convention asks.
     if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg != nullptr && *xdg == '/')
         return fs::path(xdg) / "workspace-browser";
     std::string home;
