@@ -1,0 +1,34 @@
+#pragma once
+
+#include <workspace_browser/Export.hpp>
+#include <workspace_browser/datamodel/WSVariable.hpp>
+
+#include <string>
+
+namespace workspace_browser_startup {
+
+// Orders variable records by one grid column: "Class" by the text order of class names, the
+// numeric columns ("Size", "Min", "Max", "Range", "Mean", "Median", "Mode", "Std", "Var",
+// "Bytes") by the integer each displayed text reads as, falling back to the text order for a
+// pair when either text cannot be read; every other column leaves all records equal.
+// Thread-safe: immutable after construction.
+struct WSB_EXPORT WSVariableAlphabeticalSortComparator {
+    WSVariableAlphabeticalSortComparator(bool ascending, std::string sortColumn);
+
+    bool ascending() const noexcept { return mAscending; }
+    const std::string& sortColumn() const noexcept { return mSortColumn; }
+
+    // True when record a comes before record b.
+    bool operator()(const WSVariable& a, const WSVariable& b) const noexcept;
+
+private:
+    // The column key is looked up once here rather than on every comparison.
+    enum class Kind { unsorted, text, numeric };
+
+    bool mAscending;
+    std::string mSortColumn;
+    Kind mKind = Kind::unsorted;
+    std::string WSVariable::*mField = nullptr;
+};
+
+} // namespace workspace_browser_startup
