@@ -29,3 +29,6 @@
 #include <workspace_browser/pubsub/DSModelEvent.hpp>
 #include <workspace_browser/pubsub/PubSubDSImpl.hpp>
 #include <workspace_browser/pubsub/PubSubVMImpl.hpp>
+#include <workspace_browser/viewmodel/DisplayedNumber.hpp>
+#include <workspace_browser/viewmodel/TextAlphabeticalSortComparator.hpp>
+#include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
