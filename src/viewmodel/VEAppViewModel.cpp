@@ -100,6 +100,8 @@ VEAppViewModel::VEAppViewModel(std::shared_ptr<connector::message_service::Messa
       mMessageService(std::move(service)), mId(std::move(id)),
       mWorkQueue(threadutil::OrderedWorkQueue::create("VEAppViewModel")),
       mDataModel(std::move(dataModel)), mNotifyFcn(std::move(notifyFcn)) {
+    if (!mDataModel)
+        throw std::invalid_argument("VEAppViewModel needs a data model");
     // The callback holds the mutex and the flag itself, so that a batch the data model was
     // already delivering when the view model went away is dropped without touching it.
     mConnection = mDataModel->subscribe([this, mutex = mMutex, shuttingDown = mShuttingDown](

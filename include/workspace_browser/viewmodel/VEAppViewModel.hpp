@@ -36,7 +36,8 @@ using VEAppNotificationFunction = std::function<void(std::vector<std::string>)>;
 class WSB_EXPORT VEAppViewModel : public ViewModel {
 public:
     // Subscribes to `dataModel` last, so batches arrive only once the view model is complete.
-    // `service` and `id` are kept but nothing is sent.
+    // `service` and `id` are kept but nothing is sent. Throws std::invalid_argument without a
+    // data model.
     VEAppViewModel(std::shared_ptr<connector::message_service::MessageService> service,
                    std::string id, std::shared_ptr<WSDataModel> dataModel,
                    VEAppNotificationFunction notifyFcn);
