@@ -32,3 +32,4 @@
 #include <workspace_browser/viewmodel/DisplayedNumber.hpp>
 #include <workspace_browser/viewmodel/TextAlphabeticalSortComparator.hpp>
 #include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
+#include <workspace_browser/viewmodel/VEAppViewModel.hpp>
