@@ -16,12 +16,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-// A sink that keeps nothing, as in a host that logs only warnings: without any sink Boost.Log
-// would print every record, and the timings would measure the console.
-void quietLogs() {
-    static const std::shared_ptr<void> sink = foundation::log::addConsoleSink(0);
-}
-
 Names makeNames(std::size_t count) {
     Names names;
     names.reserve(count);
@@ -58,7 +52,6 @@ void answerWithFilledRecords(const Names& names, Names, bool, double,
 }
 
 std::unique_ptr<WSDataModel> makeModel() {
-    quietLogs();
     return std::make_unique<WSDataModel>(
         [](const WSListenersSubscriptionCallback&) { return Connection(); },
         [](const Names& names, Names fields, bool computeStats, double statsLimit,
@@ -141,5 +134,3 @@ void BM_MemoryPerCachedVariable(benchmark::State& state) {
 BENCHMARK(BM_MemoryPerCachedVariable)->Arg(100000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 } // namespace
-
-BENCHMARK_MAIN();

@@ -117,5 +117,3 @@ void BM_RapidJsonWriter(benchmark::State& state) {
 BENCHMARK(BM_RapidJsonWriter);
 
 } // namespace
-
-BENCHMARK_MAIN();

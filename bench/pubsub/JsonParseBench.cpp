@@ -256,5 +256,3 @@ BENCHMARK(BM_Serialize_Page_RapidJSON);
 BENCHMARK(BM_Serialize_Page_Nlohmann);
 
 } // namespace
-
-BENCHMARK_MAIN();

@@ -158,5 +158,3 @@ BENCHMARK(noOpThroughput<BareQueueUnderTest>)
     ->Arg(1 << 20)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
-
-BENCHMARK_MAIN();
