@@ -37,11 +37,6 @@ long countStarting(const wsb_test::LogCapture& log, const std::string& prefix) {
 class ScriptedHost {
 public:
     enum class Answer { Synchronously, Later, Throw };
-    struct Request {
-        Names names, fields;
-        bool computeStats;
-        double statsLimit;
-    };
 
     std::unique_ptr<WSDataModel> makeModel() {
         return std::make_unique<WSDataModel>(
@@ -51,8 +46,15 @@ public:
             },
             [this](const Names& names, Names fields, bool stats, double limit,
                    WorkspaceDisplayResultCallback onResult) {
+                std::string request;
+                for (const auto& part : names)
+                    request += part + " ";
+                for (const auto& part : fields)
+                    request += "/" + part;
                 std::unique_lock lock(mMutex);
-                mRequests.push_back({names, std::move(fields), stats, limit});
+                mRequests.push_back(
+                    request +
+                    (stats ? " stats<" + std::to_string(static_cast<long long>(limit)) : ""));
                 if (answer == Answer::Later) {
                     mPending.push_back([this, names, onResult] { onResult(recordsFor(names)); });
                     return;
@@ -77,7 +79,8 @@ public:
     std::atomic<int> triggers{0};
 
     void fire(Batch batch) { mListener(std::move(batch)); }
-    std::vector<Request> requests() const {
+    // Each fetch as "<names> /<fields>[ stats<limit]".
+    Names requests() const {
         std::lock_guard lock(mMutex);
         return mRequests;
     }
@@ -108,17 +111,14 @@ private:
 
     mutable std::mutex mMutex;
     WSListenersSubscriptionCallback mListener; // set once, before any event
-    std::vector<Request> mRequests;
+    Names mRequests;
     std::deque<std::function<void()>> mPending;
 };
 
-// Every delivery to one getVariables callback.
-struct Deliveries {
-    std::vector<std::vector<WSVariable>> calls;
-    WSVariablesCallback callback() {
-        return [this](std::vector<WSVariable> records) { calls.push_back(std::move(records)); };
-    }
-};
+using Deliveries = std::vector<std::vector<WSVariable>>;
+WSVariablesCallback into(Deliveries& calls) {
+    return [&calls](std::vector<WSVariable> records) { calls.push_back(std::move(records)); };
+}
 
 } // namespace
 
@@ -174,7 +174,6 @@ TEST(WSDataModel, ChangedEventLogsAtMostTwentyFiveNames) {
     EXPECT_EQ(countStarting(log, "PROCESSING (NEW)"), 25);
     EXPECT_TRUE(log.contains("PROCESSING (NEW)v24"));
     EXPECT_TRUE(log.contains("PROCESSING: and 5 more"));
-    EXPECT_TRUE(log.contains("Received callback. events.size()=1"));
 
     wsb_test::LogCapture exact(kLogger);
     host.fire({event(EventType::VARIABLE_CHANGED, Names(thirty.begin(), thirty.begin() + 25))});
@@ -188,20 +187,13 @@ TEST(WSDataModel, GetVariablesServesTheCacheFirstAndFetchesOnlyWhatIsOutOfDate) 
     host.fire({event(EventType::VARIABLE_CHANGED, {"a", "b", "c"})});
 
     wsb_test::LogCapture ordinary(kLogger, 4), detail(kLogger, 5);
-    Deliveries first;
-    model->getVariables({"b", "ghost", "a"}, {"Value", "Class"}, true, 1e6, first.callback(),
-                        false);
-    ASSERT_EQ(first.calls.size(), 2U);
-    EXPECT_EQ(first.calls[0], (std::vector<WSVariable>{{.name = "b", .isDirty = true},
-                                                       {.name = "a", .isDirty = true}}))
+    Deliveries first, second, forced;
+    model->getVariables({"b", "ghost", "a"}, {"Value", "Class"}, true, 1e6, into(first), false);
+    ASSERT_EQ(first.size(), 2U);
+    EXPECT_EQ(first[0], (std::vector<WSVariable>{{.name = "b", .isDirty = true},
+                                                 {.name = "a", .isDirty = true}}))
         << "the first delivery holds only what was cached";
-    EXPECT_EQ(first.calls[1][0].value, "v:b");
-    ASSERT_EQ(host.requests().size(), 1U);
-    const auto request = host.requests()[0];
-    EXPECT_EQ(request.names, (Names{"b", "a"})) << "unknown names are not fetched";
-    EXPECT_EQ(request.fields, (Names{"Class", "Value"}));
-    EXPECT_TRUE(request.computeStats);
-    EXPECT_EQ(request.statsLimit, 1e6);
+    EXPECT_EQ(first[1][0].value, "v:b");
     const std::string unknown =
         "We were asked for a variable that we don't have in our map. variableName=ghost";
     EXPECT_FALSE(ordinary.contains(unknown)) << "logged at its own level";
@@ -209,26 +201,21 @@ TEST(WSDataModel, GetVariablesServesTheCacheFirstAndFetchesOnlyWhatIsOutOfDate) 
     EXPECT_TRUE(ordinary.contains("getVariables, dirtyVariables size = 2, allDirty = true"));
 
     // Clean records and the same fields in another order: served from the cache alone.
-    Deliveries second;
-    model->getVariables({"a", "b"}, {"Class", "Value"}, true, 1e6, second.callback(), false);
-    ASSERT_EQ(second.calls.size(), 1U);
-    EXPECT_EQ(second.calls[0][1].value, "v:b");
-    EXPECT_EQ(host.requests().size(), 1U);
+    model->getVariables({"a", "b"}, {"Class", "Value"}, true, 1e6, into(second), false);
+    ASSERT_EQ(second.size(), 1U);
+    EXPECT_EQ(second[0][1].value, "v:b");
 
     // Only the changed one is fetched again, but another field list refetches all requested;
     // forcing adds unknown names and refetches clean ones.
     host.fire({event(EventType::VARIABLE_CHANGED, {"b"})});
     model->getVariables({"a", "b"}, {"Class", "Value"}, true, 1e6, nullptr, false);
     model->getVariables({"a", "b"}, {"Value"}, true, 1e6, nullptr, false);
-    Deliveries forced;
-    model->getVariables({"new", "a"}, {"Value"}, false, 0, forced.callback(), true);
-    const auto requests = host.requests();
-    ASSERT_EQ(requests.size(), 4U);
-    EXPECT_EQ(requests[1].names, (Names{"b"}));
-    EXPECT_EQ(requests[2].names, (Names{"a", "b"}));
-    EXPECT_EQ(requests[3].names, (Names{"new", "a"}));
-    ASSERT_EQ(forced.calls.size(), 2U);
-    EXPECT_EQ(forced.calls[1][0].value, "v:new");
+    model->getVariables({"new", "a"}, {"Value"}, false, 0, into(forced), true);
+    EXPECT_EQ(host.requests(),
+              (Names{"b a /Class/Value stats<1000000", // unknown not fetched
+                     "b /Class/Value stats<1000000", "a b /Value stats<1000000", "new a /Value"}));
+    ASSERT_EQ(forced.size(), 2U);
+    EXPECT_EQ(forced[1][0].value, "v:new");
     EXPECT_EQ(model->getVariableNames(), (Names{"a", "b", "c", "new"}));
     EXPECT_TRUE(ordinary.contains("Adding unmapped variable new"));
 }
@@ -240,11 +227,11 @@ TEST(WSDataModel, HostMayAnswerLaterFromAnotherThread) {
     host.fire({event(EventType::VARIABLE_CHANGED, {"a", "b"})});
 
     Deliveries delivered;
-    model->getVariables({"a", "b"}, {"Value"}, false, 0, delivered.callback(), false);
-    ASSERT_EQ(delivered.calls.size(), 1U) << "the cached records come at once";
+    model->getVariables({"a", "b"}, {"Value"}, false, 0, into(delivered), false);
+    ASSERT_EQ(delivered.size(), 1U) << "the cached records come at once";
     std::thread([&] { host.drain(); }).join();
-    ASSERT_EQ(delivered.calls.size(), 2U);
-    EXPECT_EQ(delivered.calls[1][1], (WSVariable{.name = "b", .value = "v:b"}));
+    ASSERT_EQ(delivered.size(), 2U);
+    EXPECT_EQ(delivered[1][1], (WSVariable{.name = "b", .value = "v:b"}));
     EXPECT_FALSE(model->getVariableMap().at("a").isDirty);
 }
 
@@ -296,13 +283,13 @@ TEST(WSDataModel, FailuresOfTheHostAndOfSubscribersReachTheCaller) {
 
     host.answer = ScriptedHost::Answer::Throw;
     Deliveries delivered;
-    EXPECT_THROW(model->getVariables({"a"}, {"Value"}, false, 0, delivered.callback(), false),
+    EXPECT_THROW(model->getVariables({"a"}, {"Value"}, false, 0, into(delivered), false),
                  std::runtime_error);
-    EXPECT_EQ(delivered.calls.size(), 1U) << "the cached records came before the fetch";
+    EXPECT_EQ(delivered.size(), 1U) << "the cached records came before the fetch";
     // Nothing was lost: the record is still out of date and fetched on the next request.
     host.answer = ScriptedHost::Answer::Synchronously;
-    model->getVariables({"a"}, {"Value"}, false, 0, delivered.callback(), false);
-    EXPECT_EQ(delivered.calls.size(), 3U);
+    model->getVariables({"a"}, {"Value"}, false, 0, into(delivered), false);
+    EXPECT_EQ(delivered.size(), 3U);
     EXPECT_EQ(model->getVariableMap().at("a").value, "v:a");
 
     Connection subscription =

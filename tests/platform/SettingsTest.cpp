@@ -2,6 +2,7 @@
 #include <workspace_browser/platform/settings/Settings.hpp>
 
 #include <boost/json.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -99,12 +100,9 @@ TEST_F(SettingsTest, EveryValueTypeSurvivesTheFileAndMismatchesAreClearErrors) {
               (std::vector<std::string>{"a", "", "ü"}));
     EXPECT_TRUE(node.get<Widths>("emptyList").empty());
 
-    try {
-        (void)node.get<double>("text");
-        FAIL() << "a string read as a number must throw";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "setting \"test.types.text\" holds a std::string, not a double");
-    }
+    EXPECT_THAT([&] { (void)node.get<double>("text"); },
+                ::testing::ThrowsMessage<std::runtime_error>(
+                    "setting \"test.types.text\" holds a std::string, not a double"));
     EXPECT_THROW((void)node.get<std::vector<std::string>>("numbers"), std::runtime_error);
     EXPECT_THROW(node.set("x", true, "system"), std::invalid_argument);
     EXPECT_THROW(node.set("x", std::nan(""), "session"), std::invalid_argument);

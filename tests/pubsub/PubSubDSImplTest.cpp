@@ -4,6 +4,7 @@
 #include "support/LogCapture.hpp"
 #include "support/RecordingMessageService.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -16,6 +17,7 @@ using connector::message_service::JsonMessage;
 using foundation::json::Array;
 using foundation::json::Object;
 using foundation::json::Value;
+using ::testing::ThrowsMessage;
 using workspace_browser_startup::JsonTypedValues;
 using wsb_test::RecordingMessageService;
 using Calls = std::vector<std::string>;
@@ -200,12 +202,9 @@ TEST_F(PubSubDSImplTest, ConversionFailuresPropagateReachNoObserverAndLeaveTheEn
              R"({"eventType":24,"ascending":"true"})", // a string is not a boolean
          })
         EXPECT_ANY_THROW(service->deliver(kChannel, text)) << text;
-    try {
-        service->deliver(kChannel, R"({"eventType":[11]})");
-        ADD_FAILURE() << "expected a conversion error";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "invalid conversion: std::vector<foundation::json::Value> to int");
-    }
+    EXPECT_THAT([&] { service->deliver(kChannel, R"({"eventType":[11]})"); },
+                ThrowsMessage<std::runtime_error>(
+                    "invalid conversion: std::vector<foundation::json::Value> to int"));
     EXPECT_TRUE(observer.calls.empty());
     deliver(R"({"eventType":13})");
     EXPECT_EQ(observer.calls, Calls{"getSize"});
@@ -243,12 +242,7 @@ TEST_F(PubSubDSImplTest, SubscriptionFailuresStopConstructionAndDestructionUnsub
     };
     for (const auto& [failure, text] : failures) {
         service->failNextSubscribe(failure);
-        try {
-            PubSubDSImpl failing(service, "/x");
-            ADD_FAILURE() << "construction should fail";
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), text);
-        }
+        EXPECT_THAT([&] { PubSubDSImpl(service, "/x"); }, ThrowsMessage<std::runtime_error>(text));
     }
     {
         PubSubDSImpl second(service, "/other");
