@@ -70,6 +70,11 @@ TEST_F(SettingsTest, HighestLevelWinsAndSessionIsForgottenOnReload) {
     columns.set("ColumnWidths", Widths{9}, "factory");
     EXPECT_EQ(columns.get<Widths>("ColumnWidths"), (Widths{1, 2}));
 
+    // The user file is plain JSON without the session value.
+    const auto onDisk = boost::json::parse(readFile(file()));
+    EXPECT_EQ(boost::json::value_to<Widths>(onDisk.at(kColumnsNode).at("ColumnWidths")), user);
+    expectOnlyTheSettingsFile();
+
     reloadSettings();
     EXPECT_EQ(columns.get<Widths>("ColumnWidths"), user) << "user level persisted";
     // The same setting reached through a dotted name and through nested nodes.
@@ -112,16 +117,6 @@ TEST_F(SettingsTest, EveryValueTypeSurvivesTheFileAndMismatchesAreClearErrors) {
     EXPECT_THROW(node.set("", true), std::invalid_argument);
     EXPECT_THROW(node.set("a.", true), std::invalid_argument);
     EXPECT_FALSE(node.has("x")) << "rejected values are not stored";
-}
-
-TEST_F(SettingsTest, UserFileIsPlainJsonWithoutSessionValues) {
-    Settings node = getSettingsRoot().node(kColumnsNode);
-    node.set("ColumnWidths", Widths(13, 100.0));
-    node.set("Transient", true, "session");
-    const auto columns = boost::json::parse(readFile(file())).at(kColumnsNode).as_object();
-    EXPECT_EQ(columns.at("ColumnWidths").as_array().size(), 13u);
-    EXPECT_FALSE(columns.contains("Transient"));
-    expectOnlyTheSettingsFile();
 }
 
 TEST_F(SettingsTest, UserFolderFollowsTheEnvironment) {
