@@ -8,59 +8,39 @@
 
 using namespace foundation::json;
 
-TEST(JsonParserException, MessageNamesCodeDescriptionAndLocation) {
-    const std::string text = R"({"a" 1})";
-    const ParserException e(parse_result::kColonExpected, text, 5);
+TEST(JsonParserException, MessageNamesCodeDescriptionLocationAndCaret) {
+    const ParserException e(parse_result::kColonExpected, R"({"a" 1})", 5);
     EXPECT_EQ(e.code(), 18);
-    EXPECT_EQ(e.line(), 1u);
-    EXPECT_EQ(e.column(), 6u);
     EXPECT_EQ(std::string(e.what()), "JSON ParserException (E18): ':' expected after an object key "
-                                     "(Line 1, Column 6)\n"
-                                     "{\"a\" 1}\n"
-                                     "     ^");
-}
+                                     "(Line 1, Column 6)\n{\"a\" 1}\n     ^");
 
-TEST(JsonParserException, CaretLinesUpUnderTabsAndMultiByteCharacters) {
-    // Second line: tab, two-byte character, tab, then the failure at the 'x'.
-    const std::string text = "{\"k\":\n\t\"\xC3\xA9\"\tx,\n\"next\"}";
-    const std::size_t position = text.find('x');
-    const ParserException e(parse_result::kInvalidValue, text, position);
-    EXPECT_EQ(e.line(), 2u);
-    EXPECT_EQ(e.column(), 6u);
-    const std::string what = e.what();
-    const std::string tail = what.substr(what.find('\n'));
-    EXPECT_EQ(tail, "\n\t\"\xC3\xA9\"\tx,\n\t   \t^");
-}
-
-TEST(JsonParserException, PositionPastTheEndAndLineBreaksAreHandled) {
-    const ParserException atEnd(parse_result::kUnexpectedEnd, "{\"a\":", 1000);
-    EXPECT_EQ(atEnd.line(), 1u);
-    EXPECT_EQ(atEnd.column(), 6u);
-    EXPECT_NE(std::string(atEnd.what()).find("(Line 1, Column 6)\n{\"a\":\n     ^"),
-              std::string::npos);
-
-    // The carriage return of a CRLF break is not printed as part of the line.
-    const ParserException crlf(parse_result::kInvalidValue, "{\r\n\"a\":?\r\n}", 7);
-    EXPECT_EQ(crlf.line(), 2u);
-    EXPECT_EQ(crlf.column(), 5u);
-    const std::string what = crlf.what();
-    EXPECT_EQ(what.substr(what.find('\n')), "\n\"a\":?\n    ^");
-
-    const ParserException empty(parse_result::kObjectExpected, "", 0);
-    EXPECT_EQ(empty.line(), 1u);
-    EXPECT_EQ(empty.column(), 1u);
-    EXPECT_EQ(empty.code(), 16);
+    const struct {
+        std::string text;
+        std::size_t position, line, column;
+        std::string tail; // what follows the first line of the message
+    } cases[] = {
+        // Tabs are repeated and a multi-byte character counts as one column.
+        {"{\"k\":\n\t\"\xC3\xA9\"\tx,\n\"next\"}", 12, 2, 6, "\t\"\xC3\xA9\"\tx,\n\t   \t^"},
+        {"{\"a\":", 1000, 1, 6, "{\"a\":\n     ^"},       // past the end
+        {"{\r\n\"a\":?\r\n}", 7, 2, 5, "\"a\":?\n    ^"}, // no carriage return printed
+        {"", 0, 1, 1, "\n^"},
+    };
+    for (const auto& c : cases) {
+        const ParserException error(parse_result::kInvalidValue, c.text, c.position);
+        const std::string what = error.what();
+        EXPECT_EQ(error.line(), c.line) << c.text;
+        EXPECT_EQ(error.column(), c.column) << c.text;
+        EXPECT_EQ(what.substr(what.find('\n') + 1), c.tail) << c.text;
+    }
 }
 
 TEST(JsonParserException, EveryResultCodeHasItsOwnDescription) {
-    // Codes 0 to 20 are all in use; a log reader must be able to tell each from its text.
+    // A log reader must be able to tell each code from its text.
     std::set<std::string> descriptions;
-    for (int code = parse_result::kSuccess; code <= parse_result::kTypedIntegerNotInteger; ++code) {
-        const std::string description = get_parse_result_description(code);
-        EXPECT_NE(description, "Unknown error") << code;
-        descriptions.insert(description);
-    }
+    for (int code = parse_result::kSuccess; code <= parse_result::kTypedIntegerNotInteger; ++code)
+        descriptions.insert(get_parse_result_description(code));
     EXPECT_EQ(descriptions.size(), 21u);
+    EXPECT_EQ(descriptions.count("Unknown error"), 0u);
     EXPECT_EQ(get_parse_result_description(-1), "Unknown error");
     EXPECT_EQ(get_parse_result_description(21), "Unknown error");
 }

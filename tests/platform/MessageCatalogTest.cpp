@@ -13,9 +13,6 @@ using fl::i18n::MessageID;
 
 namespace {
 
-const std::vector<std::string> kKeys = {"Name", "Value",  "Size", "Class", "Min", "Max",  "Range",
-                                        "Mean", "Median", "Mode", "Var",   "Std", "Bytes"};
-
 std::u16string header(const std::string& key) {
     return MessageCatalog::get_message(MessageID("ZENTRA:codetools:variableeditor:" + key));
 }
@@ -23,6 +20,9 @@ std::u16string header(const std::string& key) {
 } // namespace
 
 TEST(MessageCatalog, ColumnHeadersInEveryShippedLanguage) {
+    const std::vector<std::string> keys = {"Name", "Value", "Size", "Class",  "Min",
+                                           "Max",  "Range", "Mean", "Median", "Mode",
+                                           "Var",  "Std",   "Bytes"};
     const std::vector<std::u16string> english = {u"Name", u"Value", u"Size", u"Class",  u"Min",
                                                  u"Max",  u"Range", u"Mean", u"Median", u"Mode",
                                                  u"Var",  u"Std",   u"Bytes"};
@@ -35,33 +35,34 @@ TEST(MessageCatalog, ColumnHeadersInEveryShippedLanguage) {
     for (const auto& [locale, texts] :
          {std::pair{"en_US.UTF-8", english}, {"de_DE.UTF-8", german}, {"ja_JP.UTF-8", japanese}}) {
         MessageCatalog::set_locale(locale);
-        for (std::size_t i = 0; i < kKeys.size(); ++i)
-            EXPECT_EQ(header(kKeys[i]), texts[i]) << locale << " " << kKeys[i];
+        for (std::size_t i = 0; i < keys.size(); ++i)
+            EXPECT_EQ(header(keys[i]), texts[i]) << locale << " " << keys[i];
     }
-    // Other spellings of the same languages reach the same catalogs.
-    MessageCatalog::set_locale("de");
-    EXPECT_EQ(header("Value"), u"Wert");
-    MessageCatalog::set_locale("de_AT.ISO-8859-1");
-    EXPECT_EQ(header("Size"), u"Größe") << "texts stay UTF-16 whatever the codeset asked for";
-    MessageCatalog::set_locale("ja_JP.eucJP@latin");
-    EXPECT_EQ(header("Name"), u"名前");
+    // Other spellings of the same languages reach the same catalogs; texts stay UTF-16
+    // whatever codeset was asked for.
+    for (const auto& [locale, key, text] : {std::tuple{"de", "Value", u"Wert"},
+                                            {"de_AT.ISO-8859-1", "Size", u"Größe"},
+                                            {"ja_JP.eucJP@latin", "Name", u"名前"}}) {
+        MessageCatalog::set_locale(locale);
+        EXPECT_EQ(header(key), text) << locale;
+    }
 }
 
 TEST(MessageCatalog, MissingIdsAndUnknownLocalesFallBack) {
     MessageCatalog::set_locale("de_DE.UTF-8");
-    EXPECT_EQ(MessageCatalog::get_message(MessageID("ZENTRA:no:such:message")),
-              u"ZENTRA:no:such:message");
+    EXPECT_EQ(MessageCatalog::get_message(MessageID("ZENTRA:no:such")), u"ZENTRA:no:such");
     EXPECT_EQ(MessageCatalog::get_message(MessageID("")), u"") << "not the catalog header";
     EXPECT_EQ(MessageCatalog::get_message(MessageID("Grüße")), u"Grüße");
 
-    for (const char* name : {"fr_FR.UTF-8", "C", "POSIX", "", "not a locale", "de_DE.NOPE@@",
-                             "../../etc/passwd", "x", "de_DE_EXTRA.UTF-8"}) {
+    for (const char* name : {"fr_FR.UTF-8", "C", "", "not a locale", "de_DE.NOPE@@",
+                             "../../etc/passwd", "de_DE_EXTRA.UTF-8"}) {
         EXPECT_NO_THROW(MessageCatalog::set_locale(name)) << name;
         EXPECT_EQ(header("Value"), u"Value") << "English for \"" << name << "\"";
     }
 }
 
-TEST(MessageCatalog, DefaultLocaleComesFromTheEnvironment) {
+TEST(MessageCatalog, ShippedCatalogsAndTheDefaultLocaleAreFoundWithoutSettings) {
+    ::unsetenv("WSB_MESSAGES_DIR");
     ::unsetenv("LC_ALL");
     ::setenv("LC_MESSAGES", "", 1);
     ::setenv("LANG", "ja_JP.UTF-8", 1);
@@ -76,19 +77,12 @@ TEST(MessageCatalog, MessagesDirOverridesTheShippedFolder) {
     fs::copy_file(shipped / "de" / "LC_MESSAGES" / "workspace_browser.mo",
                   dir / "fr" / "LC_MESSAGES" / "workspace_browser.mo");
     ::setenv("WSB_MESSAGES_DIR", dir.c_str(), 1);
-
     MessageCatalog::set_locale("fr_FR.UTF-8");
     EXPECT_EQ(header("Value"), u"Wert");
     MessageCatalog::set_locale("ja_JP.UTF-8");
     EXPECT_EQ(header("Value"), u"ZENTRA:codetools:variableeditor:Value")
         << "no catalog in this folder at all gives the id";
     fs::remove_all(dir);
-}
-
-TEST(MessageCatalog, ShippedCatalogsAreFoundWithoutOverride) {
-    ::unsetenv("WSB_MESSAGES_DIR");
-    MessageCatalog::set_locale("de_DE.UTF-8");
-    EXPECT_EQ(header("Class"), u"Klasse");
 }
 
 TEST(MessageCatalog, LookupsWhileTheLocaleChanges) {

@@ -22,15 +22,18 @@ using workspace_browser_startup::PubSubVMImpl;
 using workspace_browser_startup::RowRange;
 using workspace_browser_startup::VMObserver;
 using wsb_test::RecordingMessageService;
+using Texts = std::vector<std::string>;
 
 namespace {
 
 const std::string kChannel = "/WorkspaceBrowser";
+const std::string kCaught = "Caught a runtime error: invalid conversion: ";
 
 struct RecordingObserver : VMObserver {
-    std::vector<std::string> calls;
+    Texts calls;
     std::vector<std::vector<RowRange>> selections;
-    std::vector<std::vector<std::string>> refreshes;
+    std::vector<Texts> refreshes;
+    std::function<void()> onGridSize = [] {};
 
     void handleSelectionChanged(std::vector<RowRange> rows) override {
         calls.push_back("selection");
@@ -43,12 +46,20 @@ struct RecordingObserver : VMObserver {
     void handleDrop(std::string data, std::string workspace) override {
         calls.push_back("drop " + data + " " + workspace);
     }
-    void handleRefresh(std::vector<std::string> variables, bool immediate) override {
+    void handleRefresh(Texts variables, bool immediate) override {
         calls.push_back(std::string("refresh ") + (immediate ? "1" : "0"));
         refreshes.push_back(std::move(variables));
     }
-    void gridSizeChanged() override { calls.push_back("gridSize"); }
+    void gridSizeChanged() override {
+        onGridSize();
+        calls.push_back("gridSize");
+    }
 };
+
+std::string propertySet(const std::string& name, const std::string& value) {
+    return R"({"type":"propertySet","propertyName":")" + name + R"(","propertyValue":)" + value +
+           "}";
+}
 
 class PubSubVMImplTest : public ::testing::Test {
 protected:
@@ -74,12 +85,11 @@ TEST_F(PubSubVMImplTest, DoubleClickAndDropReachEveryObserver) {
         R"({"type":"doubleClickedOnMetaData","data":{"variableName":"alpha"}})";
     deliver(click);
     deliver(R"({"type":"drop","data":{"data":"x = 1","workspace":"base"}})");
-    const std::vector<std::string> expected{"doubleClick alpha", "drop x = 1 base"};
-    EXPECT_EQ(observer.calls, expected);
-    EXPECT_EQ(second.calls, expected);
-    EXPECT_TRUE(log.contains("PubSubVMImpl message received " + click));
-    EXPECT_TRUE(log.contains("Handling EVENT_VALUE_TYPE_DOUBLE_CLICK"));
-    EXPECT_TRUE(log.contains("Handling EVENT_VALUE_TYPE_DROP"));
+    EXPECT_EQ(second.calls, (Texts{"doubleClick alpha", "drop x = 1 base"}));
+    for (const std::string& text : {"PubSubVMImpl message received " + click,
+                                    std::string("Handling EVENT_VALUE_TYPE_DOUBLE_CLICK"),
+                                    std::string("Handling EVENT_VALUE_TYPE_DROP")})
+        EXPECT_TRUE(log.contains(text)) << text;
 
     endpoint.removeVMObserver(&observer);
     deliver(click);
@@ -87,44 +97,29 @@ TEST_F(PubSubVMImplTest, DoubleClickAndDropReachEveryObserver) {
     EXPECT_EQ(second.calls.size(), 3u);
 }
 
-TEST_F(PubSubVMImplTest, MalformedMessagesAreLoggedAndReachNobody) {
+TEST_F(PubSubVMImplTest, MalformedUnknownAndIgnoredMessagesReachNobody) {
     const std::pair<std::string, std::string> cases[] = {
         // No type at all: the text did not parse.
-        {"{not json", "Caught a runtime error: invalid conversion: foundation::json::Undefined "
-                      "to std::string"},
+        {"{not json", kCaught + "foundation::json::Undefined to std::string"},
         {R"({"type":"doubleClickedOnMetaData"})",
-         "Caught a runtime error: invalid conversion: foundation::json::Undefined to "
-         "std::map<std::string, foundation::json::Value>"},
+         kCaught + "foundation::json::Undefined to std::map<std::string, foundation::json::Value>"},
         {R"({"type":"drop","data":{"data":"x"}})",
-         "Caught a runtime error: invalid conversion: foundation::json::Undefined to "
-         "std::string"},
+         kCaught + "foundation::json::Undefined to std::string"},
         {R"({"type":"refresh","count":2,"immediateUpdate":true,"variables":"a"})",
-         "Caught a runtime error: invalid conversion: std::string to "
-         "std::vector<foundation::json::Value>"},
+         kCaught + "std::string to std::vector<foundation::json::Value>"},
         {R"({"type":"refresh","count":1,"immediateUpdate":true,"variables":["a"]})",
-         "Caught a runtime error: invalid conversion: std::vector<foundation::json::Value> to "
-         "std::string"},
+         kCaught + "std::vector<foundation::json::Value> to std::string"},
+        {R"({"type":"somethingElse"})", "ERROR: Unknown message type"},
+        {propertySet("Mystery", "1"), "ERROR: Unknown message type: propertySet"},
+        // Accepted silently: only the arrival itself is logged.
+        {R"({"type":"scrollClient"})", "PubSubVMImpl message received {\"type\":\"scrollClient\"}"},
+        {R"({"type":"Selection"})", "PubSubVMImpl message received {\"type\":\"Selection\"}"},
     };
     for (const auto& [text, expectedLog] : cases) {
         deliver(text);
         EXPECT_EQ(log.last(), expectedLog) << text;
     }
     EXPECT_TRUE(log.contains("convertMessageToJson JSON Parse Error"));
-    EXPECT_TRUE(observer.calls.empty());
-}
-
-TEST_F(PubSubVMImplTest, UnknownAndIgnoredTypes) {
-    deliver(R"({"type":"somethingElse"})");
-    EXPECT_EQ(log.last(), "ERROR: Unknown message type");
-
-    // These two are accepted silently: only the arrival itself is logged.
-    for (const std::string text : {R"({"type":"scrollClient"})", R"({"type":"Selection"})"}) {
-        deliver(text);
-        EXPECT_EQ(log.last(), "PubSubVMImpl message received " + text);
-    }
-
-    deliver(R"({"type":"propertySet","propertyName":"Mystery"})");
-    EXPECT_EQ(log.last(), "ERROR: Unknown message type: propertySet");
     EXPECT_TRUE(observer.calls.empty());
 }
 
@@ -139,33 +134,28 @@ TEST_F(PubSubVMImplTest, RefreshReadsOneNameAsTextAndOthersAsAnArray) {
     // A negative count still means "a list".
     deliver(R"({"type":"refresh","count":-2,"immediateUpdate":true,"variables":["b","c"]})");
     EXPECT_EQ(log.last(), logged + "1 with variables:b,c,");
-    EXPECT_EQ(observer.calls, (std::vector<std::string>{"refresh 0", "refresh 1", "refresh 1"}));
-    EXPECT_EQ(observer.refreshes,
-              (std::vector<std::vector<std::string>>{{}, {"alpha"}, {"b", "c"}}));
+    EXPECT_EQ(observer.calls, (Texts{"refresh 0", "refresh 1", "refresh 1"}));
+    EXPECT_EQ(observer.refreshes, (std::vector<Texts>{{}, {"alpha"}, {"b", "c"}}));
 
     // Long lists: the log names the first hundred and counts the rest; all reach the observer.
-    for (const int total : {100, 150}) {
-        Array names;
-        std::string description;
-        for (int i = 0; i < total; ++i) {
-            names.emplace_back("v" + std::to_string(i));
-            description += i < 100 ? "v" + std::to_string(i) + "," : "";
-        }
-        deliver(foundation::json::serialize(Value(Object{{"type", Value("refresh")},
-                                                         {"count", Value(total)},
-                                                         {"immediateUpdate", Value(true)},
-                                                         {"variables", Value(names)}})));
-        EXPECT_EQ(log.last(), logged + "1 with variables:" + description + " and " +
-                                  std::to_string(total - 100) + " more");
-        ASSERT_EQ(observer.refreshes.back().size(), static_cast<std::size_t>(total));
-        EXPECT_EQ(observer.refreshes.back().back(), "v" + std::to_string(total - 1));
+    Array names;
+    std::string description;
+    for (int i = 0; i < 150; ++i) {
+        names.emplace_back("v" + std::to_string(i));
+        description += i < 100 ? "v" + std::to_string(i) + "," : "";
     }
+    deliver(foundation::json::serialize(Value(Object{{"type", Value("refresh")},
+                                                     {"count", Value(150)},
+                                                     {"immediateUpdate", Value(true)},
+                                                     {"variables", Value(names)}})));
+    EXPECT_EQ(log.last(), logged + "1 with variables:" + description + " and 50 more");
+    ASSERT_EQ(observer.refreshes.back().size(), 150u);
+    EXPECT_EQ(observer.refreshes.back().back(), "v149");
 }
 
 TEST_F(PubSubVMImplTest, SelectionIsParsedFromTheTextInsideTheMessage) {
     const auto selection = [](const std::string& rows) {
-        return R"({"type":"propertySet","propertyName":"Selection","propertyValue":{"selectedRows":)" +
-               rows + "}}";
+        return propertySet("Selection", R"({"selectedRows":)" + rows + "}");
     };
     deliver(selection(R"("[{\"start\":2,\"end\":4},{\"end\":9,\"start\":7.8}]")"));
     deliver(selection(R"("[]")"));
@@ -177,40 +167,29 @@ TEST_F(PubSubVMImplTest, SelectionIsParsedFromTheTextInsideTheMessage) {
         EXPECT_TRUE(log.contains(text)) << text;
 
     // A real array (as the server sends it), broken text or a non-object range is refused.
-    observer.calls.clear();
     for (const char* rows : {R"([{"start":1,"end":2}])", R"("[{\"start\":1")", R"("[5]")"}) {
         deliver(selection(rows));
         EXPECT_EQ(log.last().rfind("Caught a runtime error: ", 0), 0u) << log.last();
     }
-    EXPECT_TRUE(observer.calls.empty());
+    EXPECT_EQ(observer.calls.size(), 2u);
 }
 
 TEST_F(PubSubVMImplTest, FocusIsReadFromTheTopLevelAndGridSizeIsPassedOn) {
     deliver(R"({"HasFocus":true,"propertyName":"HasFocus","type":"propertySet"})");
     EXPECT_EQ(log.last(), "Handling EVENT_PROPERTY_VALUE_TYPE_FOCUS 1");
     deliver(R"({"HasFocus":false,"propertyName":"HasFocus","type":"propertySet"})");
-    deliver(R"({"propertyValue":true,"propertyName":"HasFocus","type":"propertySet"})");
-    EXPECT_EQ(log.last(),
-              "Caught a runtime error: invalid conversion: foundation::json::Undefined to bool");
+    deliver(propertySet("HasFocus", "true"));
+    EXPECT_EQ(log.last(), kCaught + "foundation::json::Undefined to bool");
     deliver(R"({"type":"propertySet","propertyName":"GridSize"})");
     EXPECT_EQ(log.last(), "Updating selection after GridSize change");
-    EXPECT_EQ(observer.calls, (std::vector<std::string>{"focus 1", "focus 0", "gridSize"}));
+    EXPECT_EQ(observer.calls, (Texts{"focus 1", "focus 0", "gridSize"}));
 }
 
 TEST_F(PubSubVMImplTest, ObserverFailuresAreCaughtByKind) {
-    struct Throwing : VMObserver {
-        std::function<void()> raise;
-        void handleSelectionChanged(std::vector<RowRange>) override {}
-        void handleFocusChanged(bool) override {}
-        void handleDoubleClick(std::string) override {}
-        void handleDrop(std::string, std::string) override {}
-        void handleRefresh(std::vector<std::string>, bool) override {}
-        void gridSizeChanged() override { raise(); }
-    } throwing;
+    RecordingObserver throwing;
     endpoint.removeVMObserver(&observer);
     endpoint.addVMObserver(&throwing);
     endpoint.addVMObserver(&observer);
-
     const std::pair<std::function<void()>, std::string> cases[] = {
         {[] { throw std::runtime_error("r"); }, "Caught a runtime error: r"},
         {[] { throw std::invalid_argument("i"); }, "Caught an invalid argument: i"},
@@ -218,7 +197,7 @@ TEST_F(PubSubVMImplTest, ObserverFailuresAreCaughtByKind) {
         {[] { throw 42; }, "Caught an unknown exception"},
     };
     for (const auto& [raise, expectedLog] : cases) {
-        throwing.raise = raise;
+        throwing.onGridSize = raise;
         deliver(R"({"type":"propertySet","propertyName":"GridSize"})");
         EXPECT_EQ(log.last(), expectedLog);
     }
@@ -238,31 +217,19 @@ protected:
     }
     static void TearDownTestSuite() { std::filesystem::remove_all(folder); }
 
-    settings::core::Settings columns() const {
-        return settings::standalone::getSettingsRoot().node("zentra.desktop.workspace.columns");
-    }
-    std::vector<double> storedWidths() const {
-        return columns().get<std::vector<double>>("ColumnWidths");
-    }
-
     static inline std::string folder;
 };
 
 TEST_F(PubSubVMImplSettingsTest, ColumnWidthIsWrittenToTheUserSettingsAndBadColumnsAreCaught) {
     const auto widthMessage = [](const std::string& property, const std::string& column,
                                  const std::string& value) {
-        return R"({"type":"propertySet","propertyName":"ColumnModelProperty","propertyValue":)"
-               R"({"property":")" +
-               property + R"(","column":)" + column + R"(,"value":)" + value + "}}";
+        return propertySet("ColumnModelProperty", R"({"property":")" + property + R"(","column":)" +
+                                                      column + R"(,"value":)" + value + "}");
     };
-    columns().set("ColumnWidths", std::vector<double>{100, 100, 100}, "user");
+    auto columns = settings::standalone::getSettingsRoot().node("zentra.desktop.workspace.columns");
+    columns.set("ColumnWidths", std::vector<double>{100, 100, 100}, "user");
     deliver(widthMessage("ColumnWidth", "1", "250.5"));
     EXPECT_EQ(log.last(), "Setting ColumnWidth of 1 to 250.5");
-    const std::vector<double> expected{100, 250.5, 100};
-    // Persisted: a fresh read of the user file sees it.
-    settings::standalone::reloadSettings();
-    EXPECT_EQ(storedWidths(), expected);
-    EXPECT_TRUE(std::filesystem::exists(std::filesystem::path(folder) / "settings.json"));
 
     // Past the end or negative: an ordinary failure, caught and logged, never a write out of
     // bounds.
@@ -275,42 +242,42 @@ TEST_F(PubSubVMImplSettingsTest, ColumnWidthIsWrittenToTheUserSettingsAndBadColu
     EXPECT_EQ(log.last(),
               "Handling EVENT_VALUE_TYPE_PROPERTY_SET: propertyName = ColumnModelProperty");
     deliver(widthMessage("ColumnWidth", "0", R"("10")"));
-    EXPECT_EQ(log.last(), "Caught a runtime error: invalid conversion: std::string to double");
-    EXPECT_EQ(storedWidths(), expected);
+    EXPECT_EQ(log.last(), kCaught + "std::string to double");
+    // Persisted: a fresh read of the user file sees it.
+    settings::standalone::reloadSettings();
+    EXPECT_EQ(columns.get<std::vector<double>>("ColumnWidths"),
+              (std::vector<double>{100, 250.5, 100}));
 }
 
 TEST_F(PubSubVMImplTest, SendersPublishTheExactMessages) {
     endpoint.selectedRowsUpdated({{2, 4}, {-1, 7}});
-    EXPECT_TRUE(log.contains("selectedRowsUpdated: 2 row ranges selected"));
-    EXPECT_TRUE(log.contains("selectedRowsUpdated adding range: start=2 end=4"));
-    EXPECT_TRUE(log.contains("selectedRowsUpdated adding range: start=-1 end=7"));
     endpoint.selectedVariablesUpdated({"a", "b \"q\""});
-    EXPECT_TRUE(log.contains("selectedVariablesUpdated: 2 variables selected"));
     endpoint.variableRenamed("old", "new");
-    EXPECT_TRUE(log.contains("variableRenamed from: old to: new"));
     endpoint.selectedRowsUpdated({});
+    for (const char* text :
+         {"selectedRowsUpdated: 2 row ranges selected",
+          "selectedRowsUpdated adding range: start=2 end=4",
+          "selectedRowsUpdated adding range: start=-1 end=7",
+          "selectedVariablesUpdated: 2 variables selected", "variableRenamed from: old to: new"})
+        EXPECT_TRUE(log.contains(text)) << text;
 
-    const auto published = service->published();
-    ASSERT_EQ(published.size(), 4u);
-    for (const auto& p : published)
-        EXPECT_EQ(p.channel, kChannel);
-    EXPECT_EQ(published[0].text, R"({"selectedRows":[{"end":4,"start":2},{"end":7,"start":-1}],)"
-                                 R"("type":"SelectedRowsChanged"})");
-    EXPECT_EQ(published[1].text,
-              R"({"Variables":["a","b \"q\""],"type":"SelectedVariablesChanged"})");
-    EXPECT_EQ(published[2].text, R"({"newName":"new","oldName":"old","type":"VariableRenamed"})");
-    EXPECT_EQ(published[3].text, R"({"selectedRows":[],"type":"SelectedRowsChanged"})");
-    EXPECT_EQ(log.last(), "sendResponse " + published[3].text);
+    Texts channels, texts;
+    for (const auto& p : service->published()) {
+        channels.push_back(p.channel);
+        texts.push_back(p.text);
+    }
+    EXPECT_EQ(channels, Texts(4, kChannel));
+    EXPECT_EQ(texts, (Texts{R"({"selectedRows":[{"end":4,"start":2},{"end":7,"start":-1}],)"
+                            R"("type":"SelectedRowsChanged"})",
+                            R"({"Variables":["a","b \"q\""],"type":"SelectedVariablesChanged"})",
+                            R"({"newName":"new","oldName":"old","type":"VariableRenamed"})",
+                            R"({"selectedRows":[],"type":"SelectedRowsChanged"})"}));
+    EXPECT_EQ(log.last(), "sendResponse " + texts.back());
 }
 
 TEST_F(PubSubVMImplTest, SubscriptionFailureAndLifetime) {
     service->failNextSubscribe(RecordingMessageService::SubscribeFailure::InvalidFuture);
-    try {
-        PubSubVMImpl failing(service, "/x");
-        FAIL() << "construction should fail";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Future state isn't valid!");
-    }
+    EXPECT_THROW(PubSubVMImpl(service, "/x"), std::runtime_error);
     {
         PubSubVMImpl second(service, "/y");
         EXPECT_TRUE(log.contains("PubSubVMImpl on channel /y"));

@@ -90,12 +90,17 @@ TEST(OrderedWorkQueue, ThrowingItemKeepsItsExceptionAndTheWorkerGoesOn) {
     queue->terminate(true);
 }
 
-TEST(OrderedWorkQueue, StartsOneNamedThreadOnTheFirstAcceptedPush) {
+TEST(OrderedWorkQueue, StartsOneNamedThreadOnTheFirstAcceptedPushAndTerminatesOnce) {
+    auto unused = OrderedWorkQueue::create("unused");
+    unused->terminate(true);
+    EXPECT_THAT([&] { unused->push([] {}); }, kTerminated);
+    EXPECT_THAT([&] { unused->terminate(false); }, kSecondTerminate);
+    EXPECT_EQ(threadsNamed("unused"), 0);
+
     auto queue = OrderedWorkQueue::create("lazyQ");
     EXPECT_THAT([&] { queue->push({}); },
                 ThrowsMessage<std::logic_error>("work must be executable"));
     EXPECT_EQ(threadsNamed("lazyQ"), 0);
-
     std::string seenName;
     queue->push([&] { seenName = foundation::core::diag::currentThreadName(); }).get();
     queue->push([] {}).get();
@@ -108,14 +113,6 @@ TEST(OrderedWorkQueue, StartsOneNamedThreadOnTheFirstAcceptedPush) {
     unnamed->push([&] { seenName = foundation::core::diag::currentThreadName(); });
     unnamed->terminate(true);
     EXPECT_EQ(seenName, "OrderedWorkQ");
-}
-
-TEST(OrderedWorkQueue, TerminatingANeverUsedQueueStartsNoThreadAndRefusesLaterWork) {
-    auto queue = OrderedWorkQueue::create("unused");
-    queue->terminate(true);
-    EXPECT_THAT([&] { queue->push([] {}); }, kTerminated);
-    EXPECT_THAT([&] { queue->terminate(false); }, kSecondTerminate);
-    EXPECT_EQ(threadsNamed("unused"), 0);
 }
 
 TEST(OrderedWorkQueue, WorkItemCanTerminateItsOwnQueue) {
