@@ -40,8 +40,9 @@ using ViewModelCallback = std::function<void(std::string, std::string)>;
 // sorting and workspace changes.
 // Thread-safe: client messages, workspace events, late host answers and the host's calls may
 // arrive on any threads at once. The view state is guarded by one private lock that is never
-// held while the data model, the host or the message service is called. The host must call
-// onPreShutdown() before destroying the view model, and must not deliver client messages
+// held while the data model, the host or the message service is called. The host calls
+// onPreShutdown() before destroying the view model (the destructor does it when it was not),
+// from a thread other than the view model's own work items, and delivers no client messages
 // while destroying it.
 class WSB_EXPORT WSViewModel : public ViewModel {
 public:
