@@ -33,3 +33,4 @@
 #include <workspace_browser/viewmodel/TextAlphabeticalSortComparator.hpp>
 #include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
 #include <workspace_browser/viewmodel/VEAppViewModel.hpp>
+#include <workspace_browser/viewmodel/WSViewModel.hpp>
