@@ -3,6 +3,7 @@
 #include <workspace_browser/viewmodel/DisplayedNumber.hpp>
 #include <workspace_browser/viewmodel/TextAlphabeticalSortComparator.hpp>
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -62,6 +63,13 @@ bool WSVariableAlphabeticalSortComparator::operator()(const WSVariable& a,
         return TextAlphabeticalSortComparator{mAscending}(textA, textB);
     }
     return mAscending ? x.value < y.value : x.value > y.value;
+}
+
+void WSVariableAlphabeticalSortComparator::sort(std::vector<WSVariable>& records) const {
+    if (mKind == Kind::numeric)
+        std::stable_sort(records.begin(), records.end(), *this);
+    else
+        std::sort(records.begin(), records.end(), *this);
 }
 
 } // namespace workspace_browser_startup

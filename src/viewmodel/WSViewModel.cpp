@@ -659,8 +659,7 @@ void WSViewModel::sortVariables() {
         if (!pass)
             return;
         WSB_LOG(logger(), kLogLevel) << "Sort Column: " << column;
-        std::sort(records.begin(), records.end(),
-                  WSVariableAlphabeticalSortComparator(ascending, column));
+        WSVariableAlphabeticalSortComparator(ascending, column).sort(records);
         std::vector<std::string> sorted;
         sorted.reserve(records.size());
         for (WSVariable& record : records)
@@ -773,8 +772,7 @@ void WSViewModel::publishPage(const std::shared_ptr<DSEvent>& event, const PageR
     WSB_LOG(logger(), kLogLevel) << "Got variables from WSDataModel. variables.size()="
                                  << records.size();
     if (!request.byName) {
-        std::sort(records.begin(), records.end(),
-                  WSVariableAlphabeticalSortComparator(request.ascending, request.sortColumn));
+        WSVariableAlphabeticalSortComparator(request.ascending, request.sortColumn).sort(records);
         // Names the data model could not supply are missing here, so the cut is clamped.
         const std::size_t end = std::min(request.end, records.size());
         const std::size_t start = std::min(request.start, end);

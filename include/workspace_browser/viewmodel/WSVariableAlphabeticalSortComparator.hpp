@@ -4,6 +4,7 @@
 #include <workspace_browser/datamodel/WSVariable.hpp>
 
 #include <string>
+#include <vector>
 
 namespace workspace_browser_startup {
 
@@ -20,6 +21,12 @@ struct WSB_EXPORT WSVariableAlphabeticalSortComparator {
 
     // True when record a comes before record b.
     bool operator()(const WSVariable& a, const WSVariable& b) const noexcept;
+
+    // Sorts records by this comparator. A numeric column whose texts mix readable numbers and
+    // unreadable text can order three records in a cycle, and std::sort may then walk past the
+    // ends of the range; such columns go through a merge sort, which stays in bounds for any
+    // comparator. Every other column keeps the faster unstable sort.
+    void sort(std::vector<WSVariable>& records) const;
 
 private:
     // The column key is looked up once here rather than on every comparison.
