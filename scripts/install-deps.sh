@@ -10,6 +10,7 @@ packages=(
   libtbb-dev gettext
   libgtest-dev libgmock-dev libbenchmark-dev
   rapidjson-dev nlohmann-json3-dev
+  libpython3-dev python3-numpy
 )
 
 missing=()
