@@ -49,19 +49,6 @@ JsonMessage message(const char* text) {
 
 } // namespace
 
-TEST(Subscription, RunsItsReleaseActionOnceAndSurvivesAThrowingOne) {
-    int released = 0;
-    {
-        auto subscription = std::make_shared<Subscription>([&] { ++released; });
-        auto second = subscription;
-        subscription.reset();
-        EXPECT_EQ(released, 0);
-    }
-    EXPECT_EQ(released, 1);
-    Subscription none;
-    Subscription throwing([] { throw std::runtime_error("release failed"); });
-}
-
 TEST(LocalMessageService, SidesHearOnlyEachOtherInSubscriptionOrderPerChannel) {
     LocalMessageService service;
     Inbox server, client;

@@ -205,32 +205,25 @@ TEST_F(PubSubDSImplTest, ConversionFailuresPropagateReachNoObserverAndLeaveTheEn
     EXPECT_THAT([&] { service->deliver(kChannel, R"({"eventType":[11]})"); },
                 ThrowsMessage<std::runtime_error>(
                     "invalid conversion: std::vector<foundation::json::Value> to int"));
-    EXPECT_TRUE(observer.calls.empty());
-    deliver(R"({"eventType":13})");
-    EXPECT_EQ(observer.calls, Calls{"getSize"});
-}
-
-TEST_F(PubSubDSImplTest, ObserversRegisteredTwiceAreCalledTwiceAndRemovedTogether) {
+    // Still usable; an observer added twice is called twice and removed by one call.
     RecordingObserver other, unknown;
     endpoint.addDSObserver(&observer);
     endpoint.addDSObserver(&other);
-    deliver(R"({"eventType":19})");
+    deliver(R"({"eventType":13})");
     endpoint.removeDSObserver(&observer);
     endpoint.removeDSObserver(&unknown);
-    deliver(R"({"eventType":19})");
-    EXPECT_EQ(observer.calls.size(), 2u);
-    EXPECT_EQ(other.calls.size(), 2u);
+    deliver(R"({"eventType":13})");
+    EXPECT_EQ(observer.calls, (Calls{"getSize", "getSize"}));
+    EXPECT_EQ(other.calls, (Calls{"getSize", "getSize"}));
 }
 
 TEST_F(PubSubDSImplTest, DecodedEventsOutliveTheirDispatch) {
     deliver(R"({"eventType":12,"row":3,"column":4,"data":"a text long enough to need the heap"})");
-    for (int i = 0; i < 200; ++i)
-        deliver(R"({"eventType":11,"startRow":)" + std::to_string(i) + "}");
-    // Earlier events are still readable (a sanitizer build catches any early release).
-    ASSERT_EQ(observer.events.size(), 201u);
-    EXPECT_EQ(observer.events.front()->data.at(0), Value("a text long enough to need the heap"));
-    for (int i = 0; i < 200; ++i)
-        EXPECT_EQ(observer.events[1 + i]->startRow, i);
+    deliver(R"({"eventType":11,"startRow":9})");
+    // The first is still readable (a sanitizer build catches any early release).
+    ASSERT_EQ(observer.events.size(), 2u);
+    EXPECT_EQ(observer.events[0]->data.at(0), Value("a text long enough to need the heap"));
+    EXPECT_EQ(observer.events[1]->startRow, 9);
 }
 
 TEST_F(PubSubDSImplTest, SubscriptionFailuresStopConstructionAndDestructionUnsubscribes) {
@@ -334,7 +327,6 @@ TEST_F(PubSubDSImplTest, WrongListKindForMetaDataPublishesNothing) {
 
 TEST_F(PubSubDSImplTest, GenerateJsonDataNestsRowsOfLabels) {
     EXPECT_EQ(endpoint.generateJsonData(0, 1, 0, 1), R"([["0_0", "0_1"], ["1_0", "1_1"]])");
-    EXPECT_EQ(endpoint.generateJsonData(3, 2, 0, 1), "[]");
     EXPECT_EQ(endpoint.generateJsonData(-1, 0, 5, 4), "[[], []]");
     // A range ending at the largest int terminates.
     EXPECT_EQ(endpoint.generateJsonData(2147483647, 2147483647, 2147483647, 2147483647),

@@ -1,4 +1,3 @@
-#include <workspace_browser/platform/json/Serialize.hpp>
 #include <workspace_browser/platform/settings/Settings.hpp>
 #include <workspace_browser/pubsub/PubSubVMImpl.hpp>
 
@@ -15,9 +14,6 @@
 #include <string>
 #include <vector>
 
-using foundation::json::Array;
-using foundation::json::Object;
-using foundation::json::Value;
 using workspace_browser_startup::PubSubVMImpl;
 using workspace_browser_startup::RowRange;
 using workspace_browser_startup::VMObserver;
@@ -138,16 +134,12 @@ TEST_F(PubSubVMImplTest, RefreshReadsOneNameAsTextAndOthersAsAnArray) {
     EXPECT_EQ(observer.refreshes, (std::vector<Texts>{{}, {"alpha"}, {"b", "c"}}));
 
     // Long lists: the log names the first hundred and counts the rest; all reach the observer.
-    Array names;
-    std::string description;
-    for (int i = 0; i < 150; ++i) {
-        names.emplace_back("v" + std::to_string(i));
+    std::string names = R"("v0")", description = "v0,";
+    for (int i = 1; i < 150; ++i) {
+        names += R"(,"v)" + std::to_string(i) + '"';
         description += i < 100 ? "v" + std::to_string(i) + "," : "";
     }
-    deliver(foundation::json::serialize(Value(Object{{"type", Value("refresh")},
-                                                     {"count", Value(150)},
-                                                     {"immediateUpdate", Value(true)},
-                                                     {"variables", Value(names)}})));
+    deliver(R"({"type":"refresh","count":150,"immediateUpdate":true,"variables":[)" + names + "]}");
     EXPECT_EQ(log.last(), logged + "1 with variables:" + description + " and 50 more");
     ASSERT_EQ(observer.refreshes.back().size(), 150u);
     EXPECT_EQ(observer.refreshes.back().back(), "v149");
