@@ -26,8 +26,7 @@ std::vector<std::string> sortedBy(std::string WSVariable::*field, const char* co
     std::vector<WSVariable> records;
     for (const auto& text : texts)
         records.emplace_back().*field = text;
-    std::sort(records.begin(), records.end(),
-              WSVariableAlphabeticalSortComparator{ascending, column});
+    WSVariableAlphabeticalSortComparator{ascending, column}.sort(records);
     std::vector<std::string> out;
     for (const auto& r : records)
         out.push_back(r.*field);
