@@ -1,9 +1,7 @@
 #pragma once
 
-// A scripted host process and a scripted client grid for driving a real view model from the
-// outside. The host owns the workspace: it raises workspace events, answers the data model's
-// fetches (at once, from its own thread, or when told) and records the view model's callbacks.
-// The client talks JSON on the channels of an in-process message service and records replies.
+// A scripted host and a scripted client grid around a real view model: the host raises workspace
+// events and answers fetches, the client talks JSON over an in-process message service.
 
 #include <workspace_browser/datamodel/WSDataModel.hpp>
 #include <workspace_browser/platform/json/Value.hpp>
@@ -13,25 +11,27 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <deque>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace wsb_test {
 
-using Names = std::vector<std::string>;
 using namespace workspace_browser_startup;
-
-// Waits are bounded only so that a broken build fails instead of hanging; nothing is timed.
-inline constexpr std::chrono::seconds kWaitLimit{60};
+using Names = std::vector<std::string>;
+using connector::message_service::LocalMessageService;
+using foundation::json::Object;
 
 inline WSListenersSubscriptionCallbackArg batch(EventType type, Names names = {}) {
     return {EventInfo{type, std::move(names)}};
@@ -40,10 +40,9 @@ inline WSListenersSubscriptionCallbackArg batch(EventType type, Names names = {}
 // "v000000", "v000001", ...: fixed width, so that they sort by number.
 inline Names numberedNames(std::size_t count) {
     Names names;
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::string digits = std::to_string(i);
-        names.push_back("v" + std::string(6 - digits.size(), '0') + digits);
-    }
+    char name[16];
+    for (std::size_t i = 0; i < count; ++i)
+        names.emplace_back(name, std::snprintf(name, sizeof name, "v%06zu", i));
     return names;
 }
 
@@ -54,393 +53,257 @@ inline std::vector<std::u16string> u16(const Names& names) {
     return result;
 }
 
-// The host around the library. Thread-safe.
+// The host around the library. It answers fetches at once, holds them until answerHeld(), or
+// answers each on another thread; it records the view model's calls. Thread-safe.
 class ScriptedHost {
 public:
-    enum class Answer { Synchronously, FromHostThread, Later };
+    enum class Answer { Now, Held, OtherThread };
     struct Request {
-        Names names;
-        Names fields;
-        bool computeStats = false;
-        double statsLimit = 0;
+        Names names, fields;
+        bool stats;
+        double limit;
     };
-    struct Selection {
-        Names names;
-        std::string rows;
-    };
-
-    ScriptedHost() : mThread([this] { run(); }) {}
-    ~ScriptedHost() {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mStopping = true;
-        }
-        mChanged.notify_all();
-        mThread.join();
-    }
-
-    std::shared_ptr<WSDataModel> makeModel() {
-        struct Handle : ConnectionInterface {
-            std::unique_ptr<ConnectionInterface> clone() const override {
-                return std::make_unique<Handle>();
-            }
-            void disconnect() override {}
-        };
-        return std::make_shared<WSDataModel>(
-            [this](WSListenersSubscriptionCallback listener) {
-                std::lock_guard<std::mutex> lock(mMutex);
-                mListener = std::move(listener);
-                return Connection(std::make_unique<Handle>());
-            },
-            [this](const Names& names, Names fields, bool stats, double limit,
-                   WorkspaceDisplayResultCallback onResult) {
-                fetch(names, std::move(fields), stats, limit, std::move(onResult));
-            },
-            [] {});
-    }
 
     // How the host builds a variable's record; set it before the first fetch.
     std::function<WSVariable(const std::string&)> recordFor = [](const std::string& name) {
-        return WSVariable{.name = name,
-                          .size = "1\xC3\x97"
-                                  "1",
-                          .className = "double",
-                          .value = "v:" + name,
-                          .iconClass = "double"};
+        return WSVariable{
+            .name = name, .size = "1\u00D71", .className = "double", .value = "v:" + name};
     };
-    std::atomic<Answer> answer{Answer::Synchronously};
 
-    // Raises a workspace event batch on the calling thread, or on the host's thread.
-    void fire(WSListenersSubscriptionCallbackArg events) {
-        WSListenersSubscriptionCallback listener;
-        {
+    // How fetches are answered; read under the host's lock, so stop() sees every answer given.
+    std::atomic<Answer> answer{Answer::Now};
+
+    ~ScriptedHost() { stop(); }
+
+    std::shared_ptr<WSDataModel> makeModel() {
+        auto subscribe = [this](WSListenersSubscriptionCallback listener) {
             std::lock_guard<std::mutex> lock(mMutex);
-            listener = mListener;
-        }
+            mListener = std::move(listener);
+            return Connection();
+        };
+        auto fetch = [this](const Names& names, Names fields, bool stats, double limit,
+                            WorkspaceDisplayResultCallback onResult) {
+            auto reply = [this, names, onResult = std::move(onResult)] {
+                std::vector<WSVariable> records;
+                for (const std::string& name : names)
+                    records.push_back(recordFor(name));
+                onResult(records);
+            };
+            std::unique_lock<std::mutex> lock(mMutex);
+            mRequests.push_back({names, std::move(fields), stats, limit});
+            const Answer how = answer;
+            if (how == Answer::Held)
+                mHeld.push_back(std::move(reply));
+            else if (how == Answer::OtherThread)
+                mRunning.push_back(std::async(std::launch::async, std::move(reply)));
+            lock.unlock();
+            if (how == Answer::Now)
+                reply();
+        };
+        return std::make_shared<WSDataModel>(subscribe, fetch, [] {});
+    }
+
+    void fire(WSListenersSubscriptionCallbackArg events) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        auto listener = mListener;
+        lock.unlock();
         listener(std::move(events));
     }
-    void fireFromHostThread(WSListenersSubscriptionCallbackArg events) {
-        post([this, events = std::move(events)]() mutable { fire(std::move(events)); });
+    // Answers up to `limit` held fetches, oldest first, on the calling thread.
+    void answerHeld(std::size_t limit = SIZE_MAX) {
+        for (; limit > 0; --limit) {
+            std::unique_lock<std::mutex> lock(mMutex);
+            if (mHeld.empty())
+                return;
+            auto reply = std::move(mHeld.front());
+            mHeld.pop_front();
+            lock.unlock();
+            reply();
+        }
+    }
+    // Returns once every answer given on another thread has been delivered.
+    void waitIdle() {
+        for (;;) {
+            std::vector<std::future<void>> running;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                running.swap(mRunning);
+            }
+            if (running.empty())
+                return;
+        } // each future waits for its answer as it goes
+    }
+    // Gives no more answers; held ones never come.
+    void stop() {
+        answer = Answer::Held;
+        waitIdle();
     }
 
     std::vector<Request> requests() const {
         std::lock_guard<std::mutex> lock(mMutex);
         return mRequests;
     }
-    bool waitForHeld(std::size_t count) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, kWaitLimit, [&] { return mHeld.size() >= count; });
-    }
-    std::size_t heldAnswers() const {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mHeld.size();
-    }
-    // Answers held requests, oldest first, at most `limit` of them, on the calling thread or
-    // on the host's thread.
-    void answerHeld(std::size_t limit = static_cast<std::size_t>(-1), bool onHostThread = false) {
-        std::deque<std::function<void()>> taken;
-        {
+    // A view-model callback that records its arguments as "<kind> <arg>|<arg>...".
+    auto recorder(std::string kind) {
+        return [this, kind](auto... args) {
+            std::string call = kind;
+            char separator = ' ';
+            ((call += separator + text(args), separator = '|'), ...);
             std::lock_guard<std::mutex> lock(mMutex);
-            while (!mHeld.empty() && taken.size() < limit) {
-                taken.push_back(std::move(mHeld.front()));
-                mHeld.pop_front();
-            }
-        }
-        for (auto& answerNow : taken) {
-            if (onHostThread)
-                post(std::move(answerNow));
-            else
-                answerNow();
-        }
-    }
-    // Returns once the host's thread has run everything posted to it so far.
-    void waitHostThreadIdle() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        EXPECT_TRUE(
-            mChanged.wait_for(lock, kWaitLimit, [this] { return mPosted.empty() && !mBusy; }));
-    }
-
-    // The view model's callbacks into the host; each call is recorded below.
-    ViewModelCallback renameCallback() {
-        return [this](std::string a, std::string b) { record([&] { renames.push_back({a, b}); }); };
-    }
-    ViewModelCallback editValueCallback() {
-        return [this](std::string a, std::string b) { record([&] { edits.push_back({a, b}); }); };
-    }
-    std::function<void(Names, std::string)> selectionCallback() {
-        return [this](Names names, std::string rows) {
-            record([&] { selections.push_back({std::move(names), std::move(rows)}); });
+            mCalls.push_back(call);
         };
     }
-    std::function<void(unsigned long)> countCallback() {
-        return [this](unsigned long count) { record([&] { counts.push_back(count); }); };
+    Names calls() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mCalls;
     }
-    // Waits until `pred` holds. It runs under the host's lock: it may read the records below but
-    // must not call the host.
-    template <class P> bool waitUntil(P&& pred) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, kWaitLimit, pred);
-    }
-
-    // Read these once the view model is quiet (flushed or shut down) or through waitUntil.
-    std::vector<std::pair<std::string, std::string>> renames;
-    std::vector<std::pair<std::string, std::string>> edits;
-    std::vector<Selection> selections;
-    std::vector<unsigned long> counts;
 
 private:
-    template <class F> void record(F&& f) {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            f();
-        }
-        mChanged.notify_all();
-    }
-
-    void fetch(const Names& names, Names fields, bool stats, double limit,
-               WorkspaceDisplayResultCallback onResult) {
-        std::function<void()> answerNow = [this, names, onResult = std::move(onResult)] {
-            std::vector<WSVariable> records;
-            for (const std::string& name : names)
-                records.push_back(recordFor(name));
-            onResult(records);
-        };
-        const Answer how = answer;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mRequests.push_back({names, std::move(fields), stats, limit});
-            if (how == Answer::Later)
-                mHeld.push_back(std::move(answerNow));
-        }
-        mChanged.notify_all();
-        if (how == Answer::FromHostThread)
-            post(std::move(answerNow));
-        else if (how == Answer::Synchronously)
-            answerNow();
-    }
-
-    void post(std::function<void()> work) {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mPosted.push_back(std::move(work));
-        }
-        mChanged.notify_all();
-    }
-
-    void run() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        while (true) {
-            mChanged.wait(lock, [this] { return mStopping || !mPosted.empty(); });
-            if (mPosted.empty())
-                return;
-            auto work = std::move(mPosted.front());
-            mPosted.pop_front();
-            mBusy = true;
-            lock.unlock();
-            work();
-            lock.lock();
-            mBusy = false;
-            mChanged.notify_all();
-        }
+    static std::string text(const std::string& s) { return s; }
+    static std::string text(unsigned long n) { return std::to_string(n); }
+    static std::string text(const Names& names) {
+        std::string list;
+        for (const auto& name : names)
+            list += (list.empty() ? "" : ",") + name;
+        return list;
     }
 
     mutable std::mutex mMutex;
-    std::condition_variable mChanged;
     WSListenersSubscriptionCallback mListener;
     std::vector<Request> mRequests;
+    Names mCalls;
     std::deque<std::function<void()>> mHeld;
-    std::deque<std::function<void()>> mPosted;
-    bool mBusy = false;
-    bool mStopping = false;
-    std::thread mThread; // last: starts once everything it uses exists
+    std::vector<std::future<void>> mRunning;
 };
 
 // The client grid: sends JSON on the paging channel (<id>_who) and the view-model channel (<id>)
-// and records what the server publishes on both. Thread-safe.
+// and keeps every reply, parsed. Thread-safe.
 class GridClient {
 public:
     struct Message {
         std::string text;
-        foundation::json::Object json;
-
+        Object json;
         double number(const std::string& key) const { return json.at(key).get<double>(); }
-        const std::string& string(const std::string& key) const {
-            return json.at(key).get<std::string>();
-        }
         bool flag(const std::string& key) const { return json.at(key).get<bool>(); }
+        std::string string(const std::string& key) const { return json.at(key).get<std::string>(); }
     };
     using Predicate = std::function<bool(const Message&)>;
-    using Cell = foundation::json::Object;
 
-    GridClient(std::shared_ptr<connector::message_service::LocalMessageService> service,
-               std::string id)
-        : service(std::move(service)), paging(id + "_who"), viewModel(std::move(id)) {
-        for (const std::string& channel : {paging, viewModel}) {
-            mSubscriptions.push_back(this->service->subscribeClient(
-                channel,
-                [this](const connector::message_service::JsonMessage& m) { receive(m.text()); }));
-        }
+    // Replies whose `key` holds `want`.
+    static Predicate is(std::string key, foundation::json::Value want) {
+        return [key, want](const Message& m) {
+            const auto found = m.json.find(key);
+            return found != m.json.end() && found->second == want;
+        };
     }
 
-    void sendPaging(const std::string& json) { service->publishFromClient(paging, json); }
-    void sendViewModel(const std::string& json) { service->publishFromClient(viewModel, json); }
-    // Paging requests by message code: 10 viewport, 11 data, 14 and 20 to 23 metadata.
+    GridClient(std::shared_ptr<LocalMessageService> service, const std::string& id)
+        : mService(std::move(service)), mPaging(id + "_who"), mViewModel(id) {
+        for (const std::string& channel : {mPaging, mViewModel})
+            mSubscriptions.push_back(mService->subscribeClient(
+                channel, [this](const auto& message) { receive(message.text()); }));
+    }
+
+    void paging(const std::string& json) { mService->publishFromClient(mPaging, json); }
+    void viewModel(const std::string& json) { mService->publishFromClient(mViewModel, json); }
+    // Range requests by code: 10 viewport, 11 data, 14 and 20 to 23 metadata.
     void range(int code, int startRow, int endRow, int startColumn = 0, int endColumn = 3) {
-        sendPaging("{\"eventType\":" + std::to_string(code) + ",\"startRow\":" +
-                   std::to_string(startRow) + ",\"endRow\":" + std::to_string(endRow) +
-                   ",\"startColumn\":" + std::to_string(startColumn) +
-                   ",\"endColumn\":" + std::to_string(endColumn) + "}");
-    }
-    void getData(int startRow, int endRow, int startColumn = 0, int endColumn = 3) {
-        range(11, startRow, endRow, startColumn, endColumn);
-    }
-    void setViewport(int startRow, int endRow, int startColumn = 0, int endColumn = 3) {
-        range(10, startRow, endRow, startColumn, endColumn);
+        paging("{\"eventType\":" + std::to_string(code) + ",\"startRow\":" +
+               std::to_string(startRow) + ",\"endRow\":" + std::to_string(endRow) +
+               ",\"startColumn\":" + std::to_string(startColumn) +
+               ",\"endColumn\":" + std::to_string(endColumn) + "}");
     }
     void sort(int column, bool ascending) {
-        sendPaging("{\"eventType\":24,\"column\":" + std::to_string(column) +
-                   ",\"ascending\":" + (ascending ? "true" : "false") + "}");
-    }
-    // Rows and columns of an edit count from 1.
-    void setData(int row, int column, const std::string& text) {
-        sendPaging("{\"eventType\":12,\"row\":" + std::to_string(row) +
-                   ",\"column\":" + std::to_string(column) + ",\"data\":\"" + text + "\"}");
+        paging("{\"eventType\":24,\"column\":" + std::to_string(column) +
+               ",\"ascending\":" + (ascending ? "true" : "false") + "}");
     }
     void select(const std::vector<std::pair<int, int>>& ranges) {
         std::string rows;
-        for (const auto& [start, end] : ranges) {
-            rows += (rows.empty() ? "" : ",") + std::string("{\\\"start\\\":") +
+        for (const auto& [start, end] : ranges)
+            rows += (rows.empty() ? "{" : ",{") + std::string("\\\"start\\\":") +
                     std::to_string(start) + ",\\\"end\\\":" + std::to_string(end) + "}";
-        }
-        sendViewModel(R"({"type":"propertySet","propertyName":"Selection",)"
-                      R"("propertyValue":{"selectedRows":"[)" +
-                      rows + "]\"}}");
-    }
-    // Two or more names, or none: a single name travels as a plain string.
-    void refresh(const Names& names, bool immediateUpdate) {
-        std::string list;
-        for (const auto& name : names)
-            list += (list.empty() ? "\"" : ",\"") + name + "\"";
-        sendViewModel("{\"type\":\"refresh\",\"count\":" + std::to_string(names.size()) +
-                      ",\"immediateUpdate\":" + (immediateUpdate ? "true" : "false") +
-                      ",\"variables\":[" + list + "]}");
+        viewModel(R"({"type":"propertySet","propertyName":"Selection",)"
+                  R"("propertyValue":{"selectedRows":"[)" +
+                  rows + "]\"}}");
     }
 
     std::size_t count() const {
         std::lock_guard<std::mutex> lock(mMutex);
-        return mMessages.size();
+        return mInbox.size();
     }
-    // The messages from index `from` on that satisfy `pred` (all when empty).
-    std::vector<Message> since(std::size_t from, const Predicate& pred = {}) const {
-        std::lock_guard<std::mutex> lock(mMutex);
-        std::vector<Message> found;
-        for (std::size_t i = from; i < mMessages.size(); ++i) {
-            if (!pred || pred(mMessages[i]))
-                found.push_back(mMessages[i]);
-        }
-        return found;
-    }
-    // The first message from index `from` on that satisfies `pred`, waiting for it. Fails the
-    // test and returns an empty message if none comes within the safety limit.
-    Message waitFor(const Predicate& pred, std::size_t from = 0) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        for (std::size_t next = from;; ++next) {
-            if (!mArrived.wait_for(lock, kWaitLimit, [&] { return next < mMessages.size(); })) {
-                ADD_FAILURE() << "no matching message arrived";
-                return {};
-            }
-            if (pred(mMessages[next]))
-                return mMessages[next];
-        }
-    }
-    // Waits until the view model has published everything it queued before this call: its
-    // queue answers a metadata request only after the work ahead of it. The request is for an
-    // empty row range that no one else asks for, so that its answer is recognised.
+    // Waits until the view model has published everything queued before this call: its queue
+    // answers a row metadata request for a range no one else asks for only after that work.
+    // The wait is bounded only so that a broken build fails instead of hanging.
     void flush() {
-        const std::size_t from = count();
-        const int marker = 1000000000 + mFlushes.fetch_add(1);
-        range(22, marker, 0);
-        waitFor(
-            [marker](const Message& m) {
-                return isMetaData("RowModelProperties")(m) && m.number("startRow") == marker;
-            },
-            from);
+        std::unique_lock<std::mutex> lock(mMutex);
+        const std::size_t from = mInbox.size();
+        lock.unlock();
+        range(22, kFlushRow, 0);
+        lock.lock();
+        EXPECT_TRUE(mArrived.wait_for(lock, std::chrono::seconds(60), [&] {
+            return std::any_of(mInbox.begin() + from, mInbox.end(), isFlush);
+        }));
     }
-    // Does `action` and returns, once flushed, the messages published meanwhile that
-    // satisfy `pred`.
+    // Does `action` and returns, once flushed, the replies meanwhile that satisfy `pred`.
     template <class F> std::vector<Message> during(F&& action, const Predicate& pred) {
         const std::size_t from = count();
         action();
         flush();
-        return since(from, pred);
-    }
-
-    static Predicate isEvent(int type) {
-        return [type](const Message& m) {
-            return m.json.count("eventType") != 0 && m.number("eventType") == type;
-        };
-    }
-    static Predicate isPage() { return isEvent(2); }
-    static Predicate isSize() { return isEvent(1); }
-    static Predicate isMetaData(const std::string& kind) {
-        return [kind](const Message& m) {
-            return m.json.count("metaDataType") != 0 && m.string("metaDataType") == kind;
-        };
-    }
-    static Predicate isType(const std::string& type) {
-        return
-            [type](const Message& m) { return m.json.count("type") && m.string("type") == type; };
-    }
-
-    // The cells of a page, each parsed into its object.
-    static std::vector<std::vector<Cell>> rows(const Message& page) {
-        foundation::json::Array outer;
-        const std::string& text = page.string("partialData");
-        EXPECT_EQ(JsonTypedValues::parseArray(text.data(), text.data() + text.size(), outer), 0);
-        std::vector<std::vector<Cell>> result;
-        for (const auto& rowValue : outer) {
-            result.emplace_back();
-            for (const auto& cellValue : rowValue.get<foundation::json::Array>()) {
-                const auto& cellText = cellValue.get<std::string>();
-                EXPECT_EQ(JsonTypedValues::parseObject(cellText.data(),
-                                                       cellText.data() + cellText.size(),
-                                                       result.back().emplace_back()),
-                          0);
-            }
+        std::lock_guard<std::mutex> lock(mMutex);
+        std::vector<Message> found;
+        for (std::size_t i = from; i < mInbox.size(); ++i) {
+            if (pred(mInbox[i]) && !isFlush(mInbox[i]))
+                found.push_back(mInbox[i]);
         }
-        return result;
+        return found;
     }
+    // The last page published during `action`.
+    template <class F> Message page(F&& action) {
+        const auto pages = during(action, is("eventType", 2));
+        EXPECT_FALSE(pages.empty());
+        return pages.empty() ? Message{} : pages.back();
+    }
+
     // The "value" of one column's cells, row by row.
     static Names column(const Message& page, std::size_t index = 0) {
         Names values;
-        for (const auto& row : rows(page))
-            values.push_back(row.at(index).at("value").get<std::string>());
+        for (const auto& row : parse<foundation::json::Array>(page.string("partialData")))
+            values.push_back(
+                parse<Object>(row.get<foundation::json::Array>().at(index).get<std::string>())
+                    .at("value")
+                    .get<std::string>());
         return values;
     }
 
-    const std::shared_ptr<connector::message_service::LocalMessageService> service;
-    const std::string paging;
-    const std::string viewModel;
-
 private:
+    static constexpr int kFlushRow = 1000000000;
+    static bool isFlush(const Message& m) { return is("startRow", kFlushRow)(m); }
+
+    template <class T> static T parse(const std::string& s) {
+        T out;
+        if constexpr (std::is_same_v<T, Object>)
+            EXPECT_EQ(JsonTypedValues::parseObject(s.data(), s.data() + s.size(), out), 0) << s;
+        else
+            EXPECT_EQ(JsonTypedValues::parseArray(s.data(), s.data() + s.size(), out), 0) << s;
+        return out;
+    }
     void receive(std::string_view text) {
-        Message message{std::string(text), {}};
-        EXPECT_EQ(
-            JsonTypedValues::parseObject(text.data(), text.data() + text.size(), message.json), 0)
-            << text;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mMessages.push_back(std::move(message));
-        }
+        Message message{std::string(text), parse<Object>(std::string(text))};
+        std::lock_guard<std::mutex> lock(mMutex);
+        mInbox.push_back(std::move(message));
         mArrived.notify_all();
     }
 
-    std::atomic<int> mFlushes{0};
+    std::shared_ptr<LocalMessageService> mService;
+    std::string mPaging, mViewModel;
     mutable std::mutex mMutex;
     std::condition_variable mArrived;
-    std::vector<Message> mMessages;
+    std::vector<Message> mInbox;
     std::vector<std::shared_ptr<connector::message_service::Subscription>> mSubscriptions;
 };
+
+inline const GridClient::Predicate kPage = GridClient::is("eventType", 2);
+inline const GridClient::Predicate kSize = GridClient::is("eventType", 1);
 
 inline const Names kAllColumnKeys = {"Name", "Value",  "Size", "Class", "Min", "Max",  "Range",
                                      "Mean", "Median", "Mode", "Var",   "Std", "Bytes"};
@@ -448,8 +311,7 @@ inline const Names kAllColumnKeys = {"Name", "Value",  "Size", "Class", "Min", "
 // One view model with its host, data model, message service and client, wired as a host wires
 // them. Change the settings before start().
 struct ViewModelRig {
-    std::shared_ptr<connector::message_service::LocalMessageService> service =
-        std::make_shared<connector::message_service::LocalMessageService>();
+    std::shared_ptr<LocalMessageService> service = std::make_shared<LocalMessageService>();
     ScriptedHost host;
     std::shared_ptr<WSDataModel> model = host.makeModel();
     Names visible = {"Name", "Value", "Size", "Class"};
@@ -458,19 +320,21 @@ struct ViewModelRig {
     std::unique_ptr<GridClient> client;
     std::unique_ptr<WSViewModel> vm;
 
+    std::unique_ptr<WSViewModel> make(const std::string& id) {
+        return std::make_unique<WSViewModel>(
+            service, id, model, u16(visible), u16(order), widths, false, 0, host.recorder("rename"),
+            host.recorder("edit"), host.recorder("select"), host.recorder("count"));
+    }
     GridClient& start(const std::string& id = "/Test/Grid") {
         client = std::make_unique<GridClient>(service, id);
-        vm = std::make_unique<WSViewModel>(
-            service, id, model, u16(visible), u16(order), widths, false, 0, host.renameCallback(),
-            host.editValueCallback(), host.selectionCallback(), host.countCallback());
+        vm = make(id);
         return *client;
     }
     ~ViewModelRig() {
         if (vm)
             vm->onPreShutdown();
         vm.reset();
-        // Answers still posted to the host's thread reach the data model, which goes first.
-        host.waitHostThreadIdle();
+        host.stop(); // no answer may reach the data model once it is gone
     }
 };
 
