@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <deque>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -53,11 +52,10 @@ inline std::vector<std::u16string> u16(const Names& names) {
     return result;
 }
 
-// The host around the library. It answers fetches at once, holds them until answerHeld(), or
-// answers each on another thread; it records the view model's calls. Thread-safe.
+// The host around the library: answers fetches at once or holds them until answerHeld(), which
+// any thread may call; records the view model's calls. Thread-safe.
 class ScriptedHost {
 public:
-    enum class Answer { Now, Held, OtherThread };
     struct Request {
         Names names, fields;
         bool stats;
@@ -70,10 +68,7 @@ public:
             .name = name, .size = "1\u00D71", .className = "double", .value = "v:" + name};
     };
 
-    // How fetches are answered; read under the host's lock, so stop() sees every answer given.
-    std::atomic<Answer> answer{Answer::Now};
-
-    ~ScriptedHost() { stop(); }
+    std::atomic<bool> holdAnswers{false};
 
     std::shared_ptr<WSDataModel> makeModel() {
         auto subscribe = [this](WSListenersSubscriptionCallback listener) {
@@ -91,14 +86,12 @@ public:
             };
             std::unique_lock<std::mutex> lock(mMutex);
             mRequests.push_back({names, std::move(fields), stats, limit});
-            const Answer how = answer;
-            if (how == Answer::Held)
+            if (holdAnswers) {
                 mHeld.push_back(std::move(reply));
-            else if (how == Answer::OtherThread)
-                mRunning.push_back(std::async(std::launch::async, std::move(reply)));
+                return;
+            }
             lock.unlock();
-            if (how == Answer::Now)
-                reply();
+            reply();
         };
         return std::make_shared<WSDataModel>(subscribe, fetch, [] {});
     }
@@ -121,24 +114,6 @@ public:
             reply();
         }
     }
-    // Returns once every answer given on another thread has been delivered.
-    void waitIdle() {
-        for (;;) {
-            std::vector<std::future<void>> running;
-            {
-                std::lock_guard<std::mutex> lock(mMutex);
-                running.swap(mRunning);
-            }
-            if (running.empty())
-                return;
-        } // each future waits for its answer as it goes
-    }
-    // Gives no more answers; held ones never come.
-    void stop() {
-        answer = Answer::Held;
-        waitIdle();
-    }
-
     std::vector<Request> requests() const {
         std::lock_guard<std::mutex> lock(mMutex);
         return mRequests;
@@ -173,7 +148,6 @@ private:
     std::vector<Request> mRequests;
     Names mCalls;
     std::deque<std::function<void()>> mHeld;
-    std::vector<std::future<void>> mRunning;
 };
 
 // The client grid: sends JSON on the paging channel (<id>_who) and the view-model channel (<id>)
@@ -334,7 +308,6 @@ struct ViewModelRig {
         if (vm)
             vm->onPreShutdown();
         vm.reset();
-        host.stop(); // no answer may reach the data model once it is gone
     }
 };
 

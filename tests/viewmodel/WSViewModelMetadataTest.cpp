@@ -57,12 +57,10 @@ TEST(WSViewModelMetadata, TableColumnRowAndCellMetadataAsTheClientReceivesThem) 
     // Headers come in the process-wide locale of the moment.
     fl::i18n::MessageCatalog::set_locale("de_DE.UTF-8");
     std::string german = english;
-    for (const auto& [from, to] :
-         std::vector<std::pair<std::string, std::string>>{{"\"Value\"", "\"Wert\""},
-                                                          {"\"Size\"", "\"Gr\xC3\xB6\xC3\x9F"
-                                                                       "e\""},
-                                                          {"\"Class\"", "\"Klasse\""}})
-        german.replace(german.find(from), from.size(), to);
+    for (const auto& [from, to] : {std::pair{"\"Value\"", "\"Wert\""},
+                                   {"\"Size\"", "\"Gr\u00F6\u00DFe\""},
+                                   {"\"Class\"", "\"Klasse\""}})
+        german.replace(german.find(from), std::string(from).size(), to);
     EXPECT_EQ(answer(client, 21, 0, 9, "ColumnModelProperties"), german);
 
     EXPECT_EQ(answer(client, 22, 2, 4, "RowModelProperties"),
@@ -70,20 +68,15 @@ TEST(WSViewModelMetadata, TableColumnRowAndCellMetadataAsTheClientReceivesThem) 
               R"("metaDataType":"RowModelProperties",)"
               R"("properties":[{"RowNumber":3},{"RowNumber":4},{"RowNumber":5}],)"
               R"("source":"server","startRow":2})");
-    std::string cells;
-    for (int row = 2; row <= 3; ++row) {
-        cells += row == 2 ? "[" : ",[";
-        for (int column = 1; column <= 4; ++column)
-            cells += std::string(column == 1 ? "" : ",") + R"({"ColumnNumber":)" +
-                     std::to_string(column) + R"(,"RowNumber":)" + std::to_string(row) + "}";
-        cells += "]";
-    }
-    const std::string cellReply = R"({"eventType":6,"metaDataType":"CellModelProperties",)"
-                                  R"("properties":[)";
+    const std::string cells = R"({"eventType":6,"metaDataType":"CellModelProperties",)"
+                              R"("properties":[)";
     EXPECT_EQ(answer(client, 23, 1, 2, "CellModelProperties"),
-              cellReply + cells + R"(],"source":"server"})");
-    EXPECT_EQ(answer(client, 23, 5, 4, "CellModelProperties"),
-              cellReply + R"(],"source":"server"})");
+              cells + R"([{"ColumnNumber":1,"RowNumber":2},{"ColumnNumber":2,"RowNumber":2},)"
+                      R"({"ColumnNumber":3,"RowNumber":2},{"ColumnNumber":4,"RowNumber":2}],)"
+                      R"([{"ColumnNumber":1,"RowNumber":3},{"ColumnNumber":2,"RowNumber":3},)"
+                      R"({"ColumnNumber":3,"RowNumber":3},{"ColumnNumber":4,"RowNumber":3}]],)"
+                      R"("source":"server"})");
+    EXPECT_EQ(answer(client, 23, 5, 4, "CellModelProperties"), cells + R"(],"source":"server"})");
     // A request for metadata of no particular kind gets no reply: the grid asks per kind.
     EXPECT_TRUE(
         client.during([&] { client.range(14, 0, 9); }, [](const auto&) { return true; }).empty());
