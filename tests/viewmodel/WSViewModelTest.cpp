@@ -262,7 +262,6 @@ TEST(WSViewModel, ShutdownFinishesQueuedWorkAndIgnoresEverythingAfter) {
     client.range(11, 0, 1);
     client.sort(0, false);
     EXPECT_EQ(client.count(), before);
-    EXPECT_EQ(rig.host.calls().size(), 1U);
 
     // Late host answers are published while the view model exists and dropped after.
     rig.host.answerHeld(1);
