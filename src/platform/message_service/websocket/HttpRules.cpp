@@ -137,27 +137,20 @@ std::optional<std::string> queryParameter(std::string_view query, std::string_vi
 }
 
 std::string redactTarget(std::string_view target) {
-    const Target parts = splitTarget(target);
-    std::string out(parts.path);
-    if (target.find('?') == std::string_view::npos)
+    const auto mark = target.find('?');
+    std::string out(target.substr(0, mark));
+    if (mark == std::string_view::npos)
         return out;
-    out.push_back('?');
-    std::string_view query = parts.query;
-    bool first = true;
+    // Only the names of the parameters are kept: the token may come under any name or spelling,
+    // and no other value is worth a leak.
+    std::string_view query = target.substr(mark + 1);
+    char separator = '?';
     while (true) {
         const auto amp = query.find('&');
         const std::string_view pair = query.substr(0, amp);
-        if (!first)
-            out.push_back('&');
-        first = false;
-        const auto eq = pair.find('=');
-        const std::string_view key = pair.substr(0, eq);
-        // A decoded key could still spell "token"; treat any key that decodes so as secret.
-        const auto decodedKey = percentDecode(key);
-        if (!decodedKey || *decodedKey == "token")
-            out.append(key).append("=<redacted>");
-        else
-            out.append(pair);
+        out.push_back(separator);
+        separator = '&';
+        out.append(pair.substr(0, pair.find('='))).append("=<redacted>");
         if (amp == std::string_view::npos)
             break;
         query = query.substr(amp + 1);

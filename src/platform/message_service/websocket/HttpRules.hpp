@@ -33,7 +33,7 @@ std::optional<std::string> percentDecode(std::string_view text);
 // The decoded value of the first `name=` parameter of a query, nullopt when absent or malformed.
 std::optional<std::string> queryParameter(std::string_view query, std::string_view name);
 
-// The target with every token value replaced, fit for a log line.
+// The target with every query value replaced, fit for a log line.
 std::string redactTarget(std::string_view target);
 
 // The Host header values a page may use to reach the service on `port`: the loopback addresses

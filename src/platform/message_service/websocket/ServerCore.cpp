@@ -140,10 +140,15 @@ void ServerCore::stop() {
         asio::post(mIoc, [this] { beginShutdown(); });
         mWork.reset();
         mIoThread.join();
-        // Connections the grace period cut off still owe their pages a disconnect.
+        // What the grace period cut off is closed here: the pages must see the end, and still
+        // get their disconnect handlers.
         const auto left = mConnections;
         for (const auto& entry : left)
-            entry.second->finish();
+            entry.second->abort();
+        for (const auto& entry : mHttpSessions) {
+            if (auto session = entry.second.lock())
+                session->shutdownNow();
+        }
         mConnections.clear();
         mHttpSessions.clear();
     }

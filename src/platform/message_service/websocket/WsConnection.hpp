@@ -38,6 +38,8 @@ public:
     // Server shutdown: a close handshake ("going away"), or an abrupt close before the page is
     // open.
     void closeForStop();
+    // Closes the socket at once and finishes.
+    void abort();
     // Ends the connection's life in the server: runs once, tells the core.
     void finish();
     // The delivery thread has handed `bytes` of this page's messages to the subscribers.
@@ -51,7 +53,6 @@ private:
     void resumeReading();
     void writeNext();
     void onWrite(boost::beast::error_code ec);
-    void abort();
 
     ServerCore& mCore;
     boost::beast::websocket::stream<boost::beast::tcp_stream> mWs;
