@@ -23,7 +23,8 @@ constexpr std::size_t kMaxChannelsPerPage = 1024;
 } // namespace
 
 WsConnection::WsConnection(ServerCore& core, beast::tcp_stream&& stream, std::uint64_t id)
-    : mCore(core), mWs(std::move(stream)), mExecutor(mWs.get_executor()), mId(id) {}
+    : mCore(core), mWs(std::move(stream)), mExecutor(mWs.get_executor()), mId(id),
+      mQueueBound(core.options().maxQueuedBytesPerConnection) {}
 
 void WsConnection::accept(Request request) {
     const WebSocketServerOptions& options = mCore.options();
@@ -95,10 +96,9 @@ void WsConnection::onRead(beast::error_code ec) {
 
     // A page that publishes faster than the subscribers consume must not grow the delivery queue
     // without bound: stop reading from it until its backlog is delivered.
-    const std::size_t bound = mCore.options().maxQueuedBytesPerConnection;
-    if (mPendingInbound.load() > bound) {
+    if (mPendingInbound.load() > mQueueBound) {
         mPaused.store(true);
-        if (mPendingInbound.load() > bound)
+        if (mPendingInbound.load() > mQueueBound)
             return;
         // Everything was delivered meanwhile; whoever clears the flag reads next.
         if (!mPaused.exchange(false))
@@ -136,7 +136,7 @@ void WsConnection::handleFrame(std::string_view frame) {
 
 void WsConnection::inboundDelivered(std::size_t bytes) {
     const std::size_t left = mPendingInbound.fetch_sub(bytes) - bytes;
-    if (left <= mCore.options().maxQueuedBytesPerConnection && mPaused.load()) {
+    if (left <= mQueueBound && mPaused.load()) {
         boost::asio::post(mExecutor, [self = shared_from_this()] { self->resumeReading(); });
     }
 }
@@ -153,10 +153,9 @@ bool WsConnection::isSubscribed(const std::string& channel) const {
 void WsConnection::send(std::shared_ptr<const std::string> frame) {
     if (mFinished || mClosing)
         return;
-    const std::size_t bound = mCore.options().maxQueuedBytesPerConnection;
     // The frame being written counts too; a single frame is always accepted on an empty queue,
     // so the bound limits the backlog, not the size of one message.
-    if (!mQueue.empty() && mQueuedBytes + frame->size() > bound) {
+    if (!mQueue.empty() && mQueuedBytes + frame->size() > mQueueBound) {
         WSB_LOG(serviceLogger(), foundation::log::kWarning)
             << "Page " << mPageId << " does not read its messages (" << mQueuedBytes
             << " bytes waiting); its connection is dropped";

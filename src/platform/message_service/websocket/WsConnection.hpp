@@ -60,6 +60,7 @@ private:
     boost::beast::flat_buffer mBuffer;
     Request mUpgrade;
     const std::uint64_t mId;
+    const std::size_t mQueueBound; // a copy: inboundDelivered runs off the I/O thread
     std::string mPageId;
     std::unordered_set<std::string> mChannels;
     std::deque<std::shared_ptr<const std::string>> mQueue; // the front one is being written
