@@ -35,7 +35,8 @@ class WSB_EXPORT WebSocketMessageService : public MessageService {
 public:
     using PageHandler = std::function<void(const std::string& pageId)>;
 
-    // Throws std::invalid_argument for a token shorter than 24 characters.
+    // Throws std::invalid_argument for a given token shorter than 24 characters or holding
+    // anything but letters, digits, '-', '_', '.' and '~'.
     static std::shared_ptr<WebSocketMessageService> create(WebSocketServerOptions options);
     ~WebSocketMessageService() override; // stops the server
     WebSocketMessageService(const WebSocketMessageService&) = delete;
