@@ -9,8 +9,7 @@ using namespace workspace_browser_startup;
 namespace {
 
 const foundation::log::basic_diagnostic_logger& logger() {
-    static const foundation::log::basic_diagnostic_logger instance(
-        "zentra::wsbrowser::BrowserApp");
+    static const foundation::log::basic_diagnostic_logger instance("zentra::wsbrowser::BrowserApp");
     return instance;
 }
 
@@ -19,17 +18,16 @@ const foundation::log::basic_diagnostic_logger& logger() {
 BrowserApp::BrowserApp(std::shared_ptr<WorkspaceHost> host,
                        connector::message_service::MessageService::Ptr service, Options options)
     : mHost(std::move(host)), mService(std::move(service)), mOptions(std::move(options)),
-      mDataModel(std::make_shared<WSDataModel>(mHost->subscribeFunction(),
-                                               mHost->displayFunction(),
+      mDataModel(std::make_shared<WSDataModel>(mHost->subscribeFunction(), mHost->displayFunction(),
                                                mHost->triggerFunction())),
       mRetired(threadutil::OrderedWorkQueue::create("wsbPages")) {
     if (mOptions.watch) {
         auto sink = mOptions.watchSink;
-        mWatcher = std::make_unique<VEAppViewModel>(
-            mService, "wsbrowser-watch", mDataModel, [sink](std::vector<std::string> change) {
-                if (sink)
-                    sink(describeChange(change));
-            });
+        mWatcher = std::make_unique<VEAppViewModel>(mService, "wsbrowser-watch", mDataModel,
+                                                    [sink](std::vector<std::string> change) {
+                                                        if (sink)
+                                                            sink(describeChange(change));
+                                                    });
     }
     mHost->setMessageHandler([this](const std::string& message) {
         if (mOptions.messageSink)
@@ -58,8 +56,8 @@ void BrowserApp::pageConnected(const std::string& pageId) {
     if (mShutDown || mSessions.count(pageId) != 0)
         return;
     try {
-        mSessions.emplace(pageId, std::make_shared<PageSession>(mService, pageId, mDataModel,
-                                                                mHost, mOptions.page));
+        mSessions.emplace(pageId, std::make_shared<PageSession>(mService, pageId, mDataModel, mHost,
+                                                                mOptions.page));
         WSB_LOG(logger(), foundation::log::kInfo) << "Page " << pageId << " connected";
     } catch (const std::exception& e) {
         WSB_LOG(logger(), foundation::log::kError)
@@ -91,7 +89,9 @@ void BrowserApp::pageDisconnected(const std::string& pageId) {
     WSB_LOG(logger(), foundation::log::kInfo) << "Page " << pageId << " disconnected";
 }
 
-std::shared_ptr<WSDataModel> BrowserApp::dataModel() const { return mDataModel; }
+std::shared_ptr<WSDataModel> BrowserApp::dataModel() const {
+    return mDataModel;
+}
 
 std::vector<std::string> BrowserApp::pageIds() const {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -126,11 +126,10 @@ void BrowserApp::shutdown() {
 std::string BrowserApp::describeChange(const std::vector<std::string>& notification) {
     if (notification.empty())
         return {};
-    static const std::map<std::string, std::string> kinds = {
-        {"VARIABLE_ADDED", "added"},
-        {"VARIABLE_CHANGED", "changed"},
-        {"VARIABLE_DELETED", "deleted"},
-        {"WORKSPACE_CLEARED", "cleared"}};
+    static const std::map<std::string, std::string> kinds = {{"VARIABLE_ADDED", "added"},
+                                                             {"VARIABLE_CHANGED", "changed"},
+                                                             {"VARIABLE_DELETED", "deleted"},
+                                                             {"WORKSPACE_CLEARED", "cleared"}};
     const auto kind = kinds.find(notification.front());
     std::string text = kind == kinds.end() ? notification.front() : kind->second;
     for (std::size_t i = 1; i < notification.size(); ++i)

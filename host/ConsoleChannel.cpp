@@ -30,7 +30,7 @@ struct ConsoleChannel::State {
         if (!open)
             return;
         foundation::json::Object message{{"output", foundation::json::Value(output)},
-                                          {"error", foundation::json::Value(error)}};
+                                         {"error", foundation::json::Value(error)}};
         const std::string text = foundation::json::serialize(foundation::json::Value(message));
         try {
             service->publish(channel, connector::message_service::JsonMessage(text));
@@ -53,11 +53,10 @@ ConsoleChannel::ConsoleChannel(connector::message_service::MessageService::Ptr s
             return;
         foundation::json::Object object;
         const std::string_view text = message.text();
-        const int result =
-            workspace_browser_startup::JsonTypedValues::parseObject(text.data(), text.data() + text.size(), object);
+        const int result = workspace_browser_startup::JsonTypedValues::parseObject(
+            text.data(), text.data() + text.size(), object);
         const auto code = object.find("code");
-        if (result != 0 || code == object.end() ||
-            !code->second.is<std::string>()) {
+        if (result != 0 || code == object.end() || !code->second.is<std::string>()) {
             state->publish("A console message must be an object with a \"code\" text.\n", true);
             return;
         }
@@ -69,7 +68,9 @@ ConsoleChannel::ConsoleChannel(connector::message_service::MessageService::Ptr s
     mSubscription = mState->service->subscribe(mState->channel, onMessage).get();
 }
 
-ConsoleChannel::~ConsoleChannel() { close(); }
+ConsoleChannel::~ConsoleChannel() {
+    close();
+}
 
 void ConsoleChannel::publish(const std::string& output, bool error) {
     mState->publish(output, error);

@@ -18,8 +18,8 @@ const foundation::log::basic_diagnostic_logger& logger() {
 }
 
 constexpr std::array<const char16_t*, 13> kColumns = {
-    u"Name", u"Value", u"Size", u"Class", u"Min",  u"Max",  u"Range",
-    u"Mean", u"Median", u"Mode", u"Var",  u"Std", u"Bytes"};
+    u"Name", u"Value",  u"Size", u"Class", u"Min", u"Max",  u"Range",
+    u"Mean", u"Median", u"Mode", u"Var",   u"Std", u"Bytes"};
 constexpr std::array<double, 13> kDefaultWidths = {160, 200, 90, 90, 80, 80, 80,
                                                    80,  80,  80, 80, 80, 80};
 
@@ -80,12 +80,14 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
             << "Page " << id << " shows " << variables << " variables";
     };
     mViewModel = std::make_unique<WSViewModel>(
-        std::move(service), "/WorkspaceBrowser/" + mPageId, std::move(dataModel), columns,
-        columns, columnWidths(), options.statsFlag, options.statsLimit, std::move(rename),
-        std::move(edit), std::move(selection), std::move(count));
+        std::move(service), "/WorkspaceBrowser/" + mPageId, std::move(dataModel), columns, columns,
+        columnWidths(), options.statsFlag, options.statsLimit, std::move(rename), std::move(edit),
+        std::move(selection), std::move(count));
 }
 
-PageSession::~PageSession() { shutdown(); }
+PageSession::~PageSession() {
+    shutdown();
+}
 
 void PageSession::shutdown() {
     if (mConsole)

@@ -76,8 +76,7 @@ void PythonInterpreter::Impl::run(std::promise<void>& ready) {
     config.parse_argv = 0;
     // The program name lets CPython find the standard library and the site packages exactly
     // as the interpreter this host was configured with would.
-    PyStatus status =
-        PyConfig_SetBytesString(&config, &config.program_name, WSB_PYTHON_EXECUTABLE);
+    PyStatus status = PyConfig_SetBytesString(&config, &config.program_name, WSB_PYTHON_EXECUTABLE);
     if (!PyStatus_Exception(status))
         status = Py_InitializeFromConfig(&config);
     PyConfig_Clear(&config);
@@ -173,8 +172,8 @@ PythonInterpreter::~PythonInterpreter() {
     try {
         stop();
     } catch (const std::exception& e) {
-        WSB_LOG(logger(), foundation::log::kError) << "Stopping the interpreter failed: "
-                                                   << e.what();
+        WSB_LOG(logger(), foundation::log::kError)
+            << "Stopping the interpreter failed: " << e.what();
     }
 }
 

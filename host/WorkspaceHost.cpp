@@ -121,7 +121,9 @@ std::vector<std::string> stringsOf(PyObject* sequence) {
     return texts;
 }
 
-PyObject* boolean(bool flag) { return flag ? Py_True : Py_False; }
+PyObject* boolean(bool flag) {
+    return flag ? Py_True : Py_False;
+}
 
 // What the grid shows for a variable whose texts could not be made at all.
 WSVariable unavailable(const std::string& name) {
@@ -142,10 +144,9 @@ bool recordFrom(PyObject* tuple, WSVariable& record) {
         *texts[i] = toUtf8(PyTuple_GET_ITEM(tuple, static_cast<Py_ssize_t>(i)));
     record.isSummary = PyTuple_GET_ITEM(tuple, 4) == Py_True;
     record.isDirty = PyTuple_GET_ITEM(tuple, 5) == Py_True;
-    std::string* const rest[] = {&record.iconClass, &record.min,  &record.max,
-                                 &record.range,     &record.mean, &record.median,
-                                 &record.mode,      &record.std,  &record.var,
-                                 &record.bytes};
+    std::string* const rest[] = {&record.iconClass, &record.min,    &record.max,  &record.range,
+                                 &record.mean,      &record.median, &record.mode, &record.std,
+                                 &record.var,       &record.bytes};
     for (std::size_t i = 0; i < 10; ++i)
         *rest[i] = toUtf8(PyTuple_GET_ITEM(tuple, static_cast<Py_ssize_t>(i + 6)));
     return true;
@@ -197,8 +198,8 @@ void WorkspaceHost::Impl::load() {
     if (!main)
         throw std::runtime_error("no __main__ module: " + takeError());
     Ref trackerType(PyObject_GetAttrString(loaded.get(), "Tracker"));
-    Ref made(trackerType ? PyObject_CallFunctionObjArgs(trackerType.get(),
-                                                        boolean(options.showAll), nullptr)
+    Ref made(trackerType ? PyObject_CallFunctionObjArgs(trackerType.get(), boolean(options.showAll),
+                                                        nullptr)
                          : nullptr);
     if (!made)
         throw std::runtime_error("cannot create the change tracker: " + takeError());
@@ -227,8 +228,8 @@ void WorkspaceHost::Impl::raise(const WSListenersSubscriptionCallbackArg& batch)
         try {
             listener(batch);
         } catch (const std::exception& e) {
-            WSB_LOG(logger(), foundation::log::kError) << "A workspace listener failed: "
-                                                       << e.what();
+            WSB_LOG(logger(), foundation::log::kError)
+                << "A workspace listener failed: " << e.what();
         }
     }
 }
@@ -236,8 +237,8 @@ void WorkspaceHost::Impl::raise(const WSListenersSubscriptionCallbackArg& batch)
 void WorkspaceHost::Impl::raiseChanges() {
     Ref result(PyObject_CallMethod(tracker.get(), "scan", "O", ns.get()));
     if (!result || !PyTuple_Check(result.get()) || PyTuple_GET_SIZE(result.get()) != 3) {
-        WSB_LOG(logger(), foundation::log::kError) << "Scanning the workspace failed: "
-                                                   << (PyErr_Occurred() ? takeError() : "");
+        WSB_LOG(logger(), foundation::log::kError)
+            << "Scanning the workspace failed: " << (PyErr_Occurred() ? takeError() : "");
         return;
     }
     WSListenersSubscriptionCallbackArg batch;
@@ -257,8 +258,8 @@ void WorkspaceHost::Impl::raiseChanges() {
 void WorkspaceHost::Impl::resync() {
     Ref result(PyObject_CallMethod(tracker.get(), "resync", "O", ns.get()));
     if (!result || !PyTuple_Check(result.get()) || PyTuple_GET_SIZE(result.get()) != 3) {
-        WSB_LOG(logger(), foundation::log::kError) << "Scanning the workspace failed: "
-                                                   << (PyErr_Occurred() ? takeError() : "");
+        WSB_LOG(logger(), foundation::log::kError)
+            << "Scanning the workspace failed: " << (PyErr_Occurred() ? takeError() : "");
         return;
     }
     WSListenersSubscriptionCallbackArg batch;
@@ -291,11 +292,11 @@ std::vector<WSVariable> WorkspaceHost::Impl::describe(const std::vector<std::str
         if (pyName) {
             // A repr that never returns is broken off when the budget runs out; one stuck in C
             // code that never reaches a bytecode boundary cannot be, and holds the fetch up.
-            PythonInterpreter::Budget budget(*interpreter, options.reprBudget,
-                                             budgetExceeded.get(), false);
+            PythonInterpreter::Budget budget(*interpreter, options.reprBudget, budgetExceeded.get(),
+                                             false);
             result = Ref(PyObject_CallFunctionObjArgs(
-                describeFn.get(), ns.get(), pyName.get(), pyFields.get(),
-                boolean(computeStats), limit.get(), boolean(options.showAll), nullptr));
+                describeFn.get(), ns.get(), pyName.get(), pyFields.get(), boolean(computeStats),
+                limit.get(), boolean(options.showAll), nullptr));
         }
         WSVariable record;
         if (!result || !recordFrom(result.get(), record)) {
@@ -325,7 +326,7 @@ void WorkspaceHost::Impl::report(const std::string& message) const {
 }
 
 std::pair<std::string, bool> WorkspaceHost::Impl::run(const std::string& code, bool capture,
-                                                       bool echo) {
+                                                      bool echo) {
     Ref runFn(function("run"));
     Ref source = fromUtf8(code);
     Ref filename(PyUnicode_FromString(capture ? "<console>" : "<stdin>"));
@@ -406,8 +407,8 @@ WorkspaceDisplayCallback WorkspaceHost::displayFunction() const {
         auto impl = weak.lock();
         if (!impl)
             return;
-        impl->interpreter->post([impl, names, fields = std::move(fields), computeStats,
-                                 statsLimit, onResult = std::move(onResult)] {
+        impl->interpreter->post([impl, names, fields = std::move(fields), computeStats, statsLimit,
+                                 onResult = std::move(onResult)] {
             if (!impl->isOpen())
                 return;
             std::vector<WSVariable> records;
@@ -447,25 +448,27 @@ void WorkspaceHost::fetch(const std::vector<std::string>& names, std::vector<std
     displayFunction()(names, std::move(fields), computeStats, statsLimit, std::move(onResult));
 }
 
-void WorkspaceHost::trigger() { triggerFunction()(); }
+void WorkspaceHost::trigger() {
+    triggerFunction()();
+}
 
 void WorkspaceHost::rename(std::string oldName, std::string newName) {
-    mImpl->interpreter->post([impl = mImpl, oldName = std::move(oldName),
-                              newName = std::move(newName)] {
-        if (!impl->isOpen())
-            return;
-        Ref renameFn(impl->function("rename"));
-        Ref from = fromUtf8(oldName);
-        Ref to = fromUtf8(newName);
-        Ref refusal(from && to ? PyObject_CallFunctionObjArgs(renameFn.get(), impl->ns.get(),
-                                                              from.get(), to.get(), nullptr)
-                               : nullptr);
-        if (!refusal)
-            impl->report("Cannot rename '" + oldName + "': " + takeError());
-        else if (refusal.get() != Py_None)
-            impl->report(toUtf8(refusal.get()));
-        impl->raiseChanges();
-    });
+    mImpl->interpreter->post(
+        [impl = mImpl, oldName = std::move(oldName), newName = std::move(newName)] {
+            if (!impl->isOpen())
+                return;
+            Ref renameFn(impl->function("rename"));
+            Ref from = fromUtf8(oldName);
+            Ref to = fromUtf8(newName);
+            Ref refusal(from && to ? PyObject_CallFunctionObjArgs(renameFn.get(), impl->ns.get(),
+                                                                  from.get(), to.get(), nullptr)
+                                   : nullptr);
+            if (!refusal)
+                impl->report("Cannot rename '" + oldName + "': " + takeError());
+            else if (refusal.get() != Py_None)
+                impl->report(toUtf8(refusal.get()));
+            impl->raiseChanges();
+        });
 }
 
 void WorkspaceHost::editValue(std::string name, std::string text) {
@@ -549,8 +552,7 @@ bool WorkspaceHost::needsMoreInput(const std::string& source) {
             return false;
         Ref checkFn(impl->function("needs_more_input"));
         Ref text = fromUtf8(source);
-        Ref more(text ? PyObject_CallFunctionObjArgs(checkFn.get(), text.get(), nullptr)
-                      : nullptr);
+        Ref more(text ? PyObject_CallFunctionObjArgs(checkFn.get(), text.get(), nullptr) : nullptr);
         if (!more)
             PyErr_Clear();
         return more.get() == Py_True;
