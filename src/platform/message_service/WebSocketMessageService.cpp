@@ -1,42 +1,61 @@
 #include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>
 
-#include <stdexcept>
+#include "platform/message_service/websocket/ServerCore.hpp"
+
+#include <utility>
 
 namespace connector::message_service {
 
-class WebSocketMessageService::Impl {
+class WebSocketMessageService::Impl : public websocket::ServerCore {
 public:
-    explicit Impl(WebSocketServerOptions o) : options(std::move(o)) {}
-    WebSocketServerOptions options;
+    using ServerCore::ServerCore;
 };
 
 WebSocketMessageService::WebSocketMessageService(WebSocketServerOptions options)
     : mImpl(std::make_shared<Impl>(std::move(options))) {}
-WebSocketMessageService::~WebSocketMessageService() = default;
+
+WebSocketMessageService::~WebSocketMessageService() {
+    mImpl->stop();
+}
+
 std::shared_ptr<WebSocketMessageService>
 WebSocketMessageService::create(WebSocketServerOptions options) {
     return std::shared_ptr<WebSocketMessageService>(
         new WebSocketMessageService(std::move(options)));
 }
+
 std::uint16_t WebSocketMessageService::port() const {
-    return mImpl->options.port;
+    return mImpl->port();
 }
+
 const std::string& WebSocketMessageService::token() const {
-    return mImpl->options.token;
+    return mImpl->token();
 }
+
 std::string WebSocketMessageService::url() const {
-    return {};
+    return mImpl->url();
 }
-void WebSocketMessageService::setPageHandlers(PageHandler, PageHandler) {}
+
+void WebSocketMessageService::setPageHandlers(PageHandler connected, PageHandler disconnected) {
+    mImpl->setPageHandlers(std::move(connected), std::move(disconnected));
+}
+
 void WebSocketMessageService::start() {
-    throw std::logic_error("not yet");
+    mImpl->start();
 }
-void WebSocketMessageService::stop() {}
-Future<std::shared_ptr<Subscription>> WebSocketMessageService::subscribe(const std::string&,
-                                                                         Callback) {
-    return make_ready_future(std::make_shared<Subscription>());
+
+void WebSocketMessageService::stop() {
+    mImpl->stop();
 }
-Future<void> WebSocketMessageService::publish(const std::string&, const JsonMessage&) {
-    return make_ready_future();
+
+Future<std::shared_ptr<Subscription>> WebSocketMessageService::subscribe(const std::string& channel,
+                                                                         Callback callback) {
+    return mImpl->subscribe(channel, std::move(callback));
 }
+
+Future<void> WebSocketMessageService::publish(const std::string& channel,
+                                              const JsonMessage& message) {
+    return mImpl->publish(channel, message);
+}
+
 } // namespace connector::message_service

@@ -1,0 +1,106 @@
+#pragma once
+
+#include "platform/message_service/websocket/DeliveryQueue.hpp"
+#include "platform/message_service/websocket/SubscriberRegistry.hpp"
+
+#include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace connector::message_service::websocket {
+
+class HttpSession;
+class WsConnection;
+
+// The server behind WebSocketMessageService: the listener and its connections on one I/O thread,
+// the server subscriptions, and the delivery thread that calls them.
+// Thread-safe for the public service operations; the members marked "I/O thread" are called only
+// from the I/O thread (or by stop once that thread has ended).
+class ServerCore {
+public:
+    using PageHandler = WebSocketMessageService::PageHandler;
+
+    explicit ServerCore(WebSocketServerOptions options);
+    ~ServerCore();
+    ServerCore(const ServerCore&) = delete;
+    ServerCore& operator=(const ServerCore&) = delete;
+
+    std::uint16_t port() const { return mPort.load(); }
+    const std::string& token() const { return mToken; }
+    std::string url() const;
+    void setPageHandlers(PageHandler connected, PageHandler disconnected);
+    void start();
+    void stop();
+    Future<std::shared_ptr<Subscription>> subscribe(const std::string& channel,
+                                                    MessageService::Callback callback);
+    Future<void> publish(const std::string& channel, const JsonMessage& message);
+
+    // For the sessions.
+    const WebSocketServerOptions& options() const { return mOptions; }
+    // The canonical static root; empty when no files are served.
+    const std::filesystem::path& staticRoot() const { return mStaticRoot; }
+    // I/O thread: the WebSocket handshake of a connection succeeded; returns its page id.
+    std::string openPage();
+    // I/O thread: a connection is over; `pageId` is empty when it never became a page.
+    void connectionEnded(std::uint64_t id, const std::string& pageId);
+    // I/O thread: an HTTP session is over (closed, failed or upgraded).
+    void httpSessionEnded(std::uint64_t id);
+    // I/O thread: an HTTP session upgrades to this WebSocket connection.
+    void connectionStarted(const std::shared_ptr<WsConnection>& connection);
+    // I/O thread: a page published; the message goes to the delivery thread, and the connection
+    // hears back once it has been delivered.
+    void deliverFromPage(std::string channel, std::string message,
+                         const std::shared_ptr<WsConnection>& from);
+    std::uint64_t nextId() { return ++mLastId; }
+
+private:
+    enum class State { Created, Running, Stopping, Stopped };
+
+    void acceptNext();
+    void beginShutdown();
+    void endShutdownIfIdle();
+    void broadcast(const std::string& channel, const std::shared_ptr<const std::string>& frame);
+
+    const WebSocketServerOptions mOptions;
+    const std::string mToken;
+    // Declared before everything that uses it, so that it is destroyed last: its pending
+    // handlers own sessions whose sockets belong to it.
+    boost::asio::io_context mIoc{1};
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> mWork;
+    boost::asio::ip::tcp::acceptor mAcceptor;
+    boost::asio::steady_timer mShutdownDeadline;
+    std::thread mIoThread;
+
+    std::shared_ptr<SubscriberRegistry> mRegistry = std::make_shared<SubscriberRegistry>();
+    DeliveryQueue mDelivery;
+
+    std::mutex mMutex; // guards mState and the page handlers
+    State mState = State::Created;
+    PageHandler mConnected;
+    PageHandler mDisconnected;
+    std::atomic<bool> mRunning{false};
+    std::atomic<std::uint16_t> mPort;
+    std::filesystem::path mStaticRoot;
+
+    // I/O thread only.
+    std::uint64_t mLastId = 0;
+    std::uint64_t mLastPage = 0;
+    bool mShuttingDown = false;
+    std::map<std::uint64_t, std::weak_ptr<HttpSession>> mHttpSessions;
+    std::map<std::uint64_t, std::shared_ptr<WsConnection>> mConnections;
+};
+
+} // namespace connector::message_service::websocket

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/websocket/stream.hpp>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+namespace connector::message_service::websocket {
+
+class ServerCore;
+
+// One page's WebSocket: reads its envelopes, keeps its channel subscriptions, and writes the
+// frames meant for it, one write in flight and a bounded queue behind it.
+// Not thread-safe: lives on the I/O thread, except inboundDelivered (any thread).
+class WsConnection : public std::enable_shared_from_this<WsConnection> {
+public:
+    using Request = boost::beast::http::request<boost::beast::http::string_body>;
+
+    WsConnection(ServerCore& core, boost::beast::tcp_stream&& stream, std::uint64_t id);
+
+    std::uint64_t id() const { return mId; }
+    // Completes the WebSocket handshake for this upgrade request.
+    void accept(Request request);
+    // Queues a text frame; a client whose queue would pass the bound is disconnected instead.
+    void send(std::shared_ptr<const std::string> frame);
+    bool isSubscribed(const std::string& channel) const;
+    // Server shutdown: a close handshake ("going away"), or an abrupt close before the page is
+    // open.
+    void closeForStop();
+    // Closes the socket at once and finishes.
+    void abort();
+    // Ends the connection's life in the server: runs once, tells the core.
+    void finish();
+    // The delivery thread has handed `bytes` of this page's messages to the subscribers.
+    void inboundDelivered(std::size_t bytes);
+
+private:
+    void onAccept(boost::beast::error_code ec);
+    void readNext();
+    void onRead(boost::beast::error_code ec);
+    void handleFrame(std::string_view frame);
+    void resumeReading();
+    void writeNext();
+    void onWrite(boost::beast::error_code ec);
+
+    ServerCore& mCore;
+    boost::beast::websocket::stream<boost::beast::tcp_stream> mWs;
+    const boost::asio::any_io_executor mExecutor;
+    boost::beast::flat_buffer mBuffer;
+    Request mUpgrade;
+    const std::uint64_t mId;
+    std::string mPageId;
+    std::unordered_set<std::string> mChannels;
+    std::deque<std::shared_ptr<const std::string>> mQueue; // the front one is being written
+    std::size_t mQueuedBytes = 0;
+    bool mClosing = false;
+    bool mFinished = false;
+    // Bytes read from this page and not yet delivered; reading pauses above the bound.
+    std::atomic<std::size_t> mPendingInbound{0};
+    std::atomic<bool> mPaused{false};
+};
+
+} // namespace connector::message_service::websocket
