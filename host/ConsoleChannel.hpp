@@ -1,0 +1,37 @@
+#pragma once
+
+#include "WorkspaceHost.hpp"
+
+#include <workspace_browser/platform/message_service/MessageService.hpp>
+#include <workspace_browser/platform/message_service/Subscription.hpp>
+
+#include <memory>
+#include <string>
+
+namespace wsbrowser {
+
+// One page's console: code the page publishes on its channel as {"code":"..."} runs in the
+// workspace with its output captured, and the page receives {"output":"...","error":bool}.
+// A message that is not such an object is answered with an error and runs nothing.
+// Thread-safe: messages arrive on the service's delivery thread, answers leave from the
+// interpreter thread, and close() may come from any thread; after close() nothing more is
+// published.
+class ConsoleChannel {
+public:
+    ConsoleChannel(connector::message_service::MessageService::Ptr service, std::string channel,
+                   std::shared_ptr<WorkspaceHost> host);
+    ~ConsoleChannel();
+    ConsoleChannel(const ConsoleChannel&) = delete;
+    ConsoleChannel& operator=(const ConsoleChannel&) = delete;
+
+    // Sends text to the page as console output.
+    void publish(const std::string& output, bool error);
+    void close();
+
+private:
+    struct State;
+    std::shared_ptr<State> mState;
+    std::shared_ptr<connector::message_service::Subscription> mSubscription;
+};
+
+} // namespace wsbrowser

@@ -1,0 +1,92 @@
+#include "HostOptions.hpp"
+
+#include <charconv>
+#include <stdexcept>
+
+namespace wsbrowser {
+
+namespace {
+
+long number(const std::string& option, const std::string& text, long low, long high) {
+    long value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || value < low || value > high) {
+        throw std::invalid_argument(option + " needs a number from " + std::to_string(low) +
+                                    " to " + std::to_string(high) + ", not '" + text + "'");
+    }
+    return value;
+}
+
+} // namespace
+
+std::string HostOptions::usage() {
+    return "usage: wsbrowser [--port N] [--address ADDR] [--static DIR] [--log-level N]\n"
+           "                 [--log-filter PREFIX] [--show-all] [--watch] [--no-console]\n"
+           "                 [--help] [script.py ...]";
+}
+
+HostOptions HostOptions::parse(const std::vector<std::string>& arguments,
+                               const std::filesystem::path& defaultStatic) {
+    HostOptions options;
+    options.staticRoot = defaultStatic;
+    bool onlyScripts = false;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        std::string argument = arguments[i];
+        if (onlyScripts || argument.empty() || argument[0] != '-' || argument == "-") {
+            options.scripts.push_back(argument);
+            continue;
+        }
+        if (argument == "--") {
+            onlyScripts = true;
+            continue;
+        }
+        std::string value;
+        bool inlineValue = false;
+        if (const auto equals = argument.find('='); equals != std::string::npos) {
+            value = argument.substr(equals + 1);
+            argument.resize(equals);
+            inlineValue = true;
+        }
+        auto takeValue = [&]() -> std::string {
+            if (inlineValue)
+                return value;
+            if (i + 1 >= arguments.size())
+                throw std::invalid_argument(argument + " needs a value");
+            return arguments[++i];
+        };
+        auto noValue = [&] {
+            if (inlineValue)
+                throw std::invalid_argument(argument + " takes no value");
+        };
+        if (argument == "--port") {
+            options.port = static_cast<std::uint16_t>(number(argument, takeValue(), 0, 65535));
+        } else if (argument == "--address") {
+            options.address = takeValue();
+            if (options.address.empty())
+                throw std::invalid_argument("--address needs a value");
+        } else if (argument == "--static") {
+            options.staticRoot = takeValue();
+        } else if (argument == "--log-level") {
+            options.logLevel = static_cast<int>(number(argument, takeValue(), 0, 9));
+        } else if (argument == "--log-filter") {
+            options.logFilter = takeValue();
+        } else if (argument == "--show-all") {
+            noValue();
+            options.showAll = true;
+        } else if (argument == "--watch") {
+            noValue();
+            options.watch = true;
+        } else if (argument == "--no-console") {
+            noValue();
+            options.console = false;
+        } else if (argument == "--help" || argument == "-h") {
+            noValue();
+            options.help = true;
+        } else {
+            throw std::invalid_argument("unknown option " + argument);
+        }
+    }
+    return options;
+}
+
+} // namespace wsbrowser

@@ -1,0 +1,104 @@
+#include "PageSession.hpp"
+
+#include <workspace_browser/platform/DiagnosticLogger.hpp>
+#include <workspace_browser/platform/settings/Settings.hpp>
+
+#include <array>
+
+namespace wsbrowser {
+
+using namespace workspace_browser_startup;
+
+namespace {
+
+const foundation::log::basic_diagnostic_logger& logger() {
+    static const foundation::log::basic_diagnostic_logger instance(
+        "zentra::wsbrowser::PageSession");
+    return instance;
+}
+
+constexpr std::array<const char16_t*, 13> kColumns = {
+    u"Name", u"Value",  u"Size", u"Class", u"Min", u"Max",  u"Range",
+    u"Mean", u"Median", u"Mode", u"Var",   u"Std", u"Bytes"};
+constexpr std::array<double, 13> kDefaultWidths = {160, 200, 90, 90, 80, 80, 80,
+                                                   80,  80,  80, 80, 80, 80};
+
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
+}
+
+} // namespace
+
+std::vector<std::u16string> PageSession::columnKeys() {
+    return std::vector<std::u16string>(kColumns.begin(), kColumns.end());
+}
+
+std::vector<double> PageSession::columnWidths() {
+    std::vector<double> widths(kDefaultWidths.begin(), kDefaultWidths.end());
+    try {
+        const auto node =
+            settings::standalone::getSettingsRoot().node("zentra.desktop.workspace.columns");
+        if (node.has("ColumnWidths")) {
+            const auto stored = node.get<std::vector<double>>("ColumnWidths");
+            for (std::size_t i = 0; i < stored.size() && i < widths.size(); ++i) {
+                if (stored[i] > 0)
+                    widths[i] = stored[i];
+            }
+        }
+    } catch (const std::exception& e) {
+        WSB_LOG(logger(), foundation::log::kWarning)
+            << "Using the built-in column widths: " << e.what();
+    }
+    return widths;
+}
+
+PageSession::PageSession(connector::message_service::MessageService::Ptr service,
+                         std::string pageId, std::shared_ptr<WSDataModel> dataModel,
+                         std::shared_ptr<WorkspaceHost> host, Options options)
+    : mPageId(std::move(pageId)) {
+    if (options.console)
+        mConsole = std::make_unique<ConsoleChannel>(service, "/Console/" + mPageId, host);
+    const auto columns = columnKeys();
+    std::weak_ptr<WorkspaceHost> weakHost = host;
+    ViewModelCallback rename = [weakHost](std::string oldName, std::string newName) {
+        if (auto alive = weakHost.lock())
+            alive->rename(std::move(oldName), std::move(newName));
+    };
+    ViewModelCallback edit = [weakHost](std::string name, std::string text) {
+        if (auto alive = weakHost.lock())
+            alive->editValue(std::move(name), std::move(text));
+    };
+    auto selection = [id = mPageId](std::vector<std::string> names, std::string rows) {
+        WSB_LOG(logger(), foundation::log::kInfo)
+            << "Page " << id << " selected: " << joined(names) << " (rows " << rows << ")";
+    };
+    auto count = [id = mPageId](unsigned long variables) {
+        WSB_LOG(logger(), foundation::log::kInfo)
+            << "Page " << id << " shows " << variables << " variables";
+    };
+    mViewModel = std::make_unique<WSViewModel>(
+        std::move(service), "/WorkspaceBrowser/" + mPageId, std::move(dataModel), columns, columns,
+        columnWidths(), options.statsFlag, options.statsLimit, std::move(rename), std::move(edit),
+        std::move(selection), std::move(count));
+}
+
+PageSession::~PageSession() {
+    shutdown();
+}
+
+void PageSession::shutdown() {
+    if (mConsole)
+        mConsole->close();
+    if (mViewModel)
+        mViewModel->onPreShutdown();
+}
+
+void PageSession::notify(const std::string& message) {
+    if (mConsole)
+        mConsole->publish(message + "\n", true);
+}
+
+} // namespace wsbrowser

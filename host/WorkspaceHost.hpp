@@ -1,0 +1,95 @@
+#pragma once
+
+#include "PythonInterpreter.hpp"
+
+#include <workspace_browser/datamodel/Connection.hpp>
+#include <workspace_browser/datamodel/EventInfo.hpp>
+#include <workspace_browser/datamodel/WSVariable.hpp>
+#include <workspace_browser/datamodel/WorkspaceFunctions.hpp>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace wsbrowser {
+
+// The interpreter's workspace as the library sees it: the variables of __main__'s namespace
+// (without names starting with "_", modules, functions and classes unless showAll is set).
+// It supplies the data model's host functions (subscribe, fetch, trigger), carries out the
+// grid's rename and edit requests, runs scripts and console code, and after each of those
+// raises one batch of workspace events: "VARIABLE_CHANGED" with the new and changed names,
+// "VARIABLE_DELETED" with the vanished ones, or "WORKSPACE_CLEARED" when the namespace was
+// emptied. Rebinding is seen by identity; in-place changes of arrays, lists, tuples, dicts and
+// sets by a cheap fingerprint (an in-place change of a large array between the sampled elements
+// goes unnoticed until the next rebinding).
+// Thread-safe: every operation may be called from any thread; the Python work runs on the
+// interpreter thread, where listeners, result callbacks and the message handler are called.
+class WorkspaceHost {
+public:
+    struct Options {
+        bool showAll = false;
+        // How long a repr or len of one variable may run before it is broken off and shown as
+        // a placeholder.
+        std::chrono::milliseconds reprBudget{1000};
+    };
+    using OutputCallback = std::function<void(std::string output, bool failed)>;
+    using MessageHandler = std::function<void(const std::string& message)>;
+
+    // Loads the helper module into the interpreter; throws std::runtime_error when it fails.
+    WorkspaceHost(std::shared_ptr<PythonInterpreter> interpreter, Options options);
+    // Closes first when that was not done.
+    ~WorkspaceHost();
+    WorkspaceHost(const WorkspaceHost&) = delete;
+    WorkspaceHost& operator=(const WorkspaceHost&) = delete;
+
+    // The data model's host functions. They stay valid after the host is gone (doing nothing).
+    workspace_browser_startup::WSListenersSubscribeFunction subscribeFunction() const;
+    workspace_browser_startup::WorkspaceDisplayCallback displayFunction() const;
+    workspace_browser_startup::TriggerWorkspaceEventFunction triggerFunction() const;
+
+    // Registers a listener for event batches.
+    workspace_browser_startup::Connection
+    subscribe(workspace_browser_startup::WSListenersSubscriptionCallback listener);
+    // Answers later, on the interpreter thread, with one record per name; a name that is no
+    // longer a variable comes back with only its name and the dirty mark.
+    void fetch(const std::vector<std::string>& names, std::vector<std::string> fields,
+               bool computeStats, double statsLimit,
+               workspace_browser_startup::WorkspaceDisplayResultCallback onResult);
+    // Raises a full batch: deletions (also of names answered as vanished), then every current
+    // name as changed.
+    void trigger();
+
+    // The grid's rename and value-edit requests, carried out later; a refusal or failure is
+    // handed to the message handler and nothing changes.
+    void rename(std::string oldName, std::string newName);
+    void editValue(std::string name, std::string text);
+    void setMessageHandler(MessageHandler handler);
+
+    // Runs console code later with its output captured (the value of a final expression is
+    // echoed) and hands the output to `done`.
+    void runCode(std::string code, OutputCallback done);
+    // The same, waiting for the outcome.
+    std::pair<std::string, bool> execute(const std::string& code);
+    // Runs a script file with its output on the process's streams; false when it failed.
+    bool runScript(const std::string& path);
+    // For the terminal: whether `source` needs more lines, and running one complete command
+    // with its output on the process's streams (Ctrl-C interrupts it).
+    bool needsMoreInput(const std::string& source);
+    void runTerminalCommand(const std::string& source);
+
+    // The shown variable names, sorted.
+    std::vector<std::string> variableNames();
+
+    // Lets the work queued so far finish, then stops: no more events, answers or messages, and
+    // the Python objects are released. Calling it again does nothing.
+    void close();
+
+private:
+    class Impl;
+    std::shared_ptr<Impl> mImpl;
+};
+
+} // namespace wsbrowser

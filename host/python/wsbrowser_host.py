@@ -1,0 +1,491 @@
+"""Helpers of the workspace browser host: display texts, change tracking and code execution.
+
+Everything here runs on the host's interpreter thread. The host calls these functions with the
+namespace of __main__; they never raise for a variable that misbehaves: a failing or huge repr,
+len or sizeof gives a short placeholder instead.
+"""
+
+import ast
+import io
+import keyword
+import math
+import reprlib
+import sys
+import traceback
+import types
+import warnings
+
+try:
+    import numpy as np
+except Exception:  # the host still works without numpy, only without array texts
+    np = None
+
+TIMES = "\u00d7"
+VALUE_CHARS = 80  # the longest value text; longer values become a summary or are cut
+ARRAY_TEXT_ELEMENTS = 100  # arrays with more elements are always summarised
+SMALL_ARRAY_BYTES = 1 << 16  # arrays up to this size are fingerprinted by their whole buffer
+SAMPLED_ELEMENTS = 1024  # larger arrays by this many elements spread over the buffer
+MAX_IDS = 2048  # containers longer than this are fingerprinted by a sample of element ids
+OUTPUT_CHARS = 1 << 20  # captured console output is cut after this many characters
+
+
+class BudgetExceeded(BaseException):
+    """Raised into the interpreter thread when a repr or len runs past its time budget."""
+
+
+_HIDDEN_TYPES = (types.ModuleType, type, types.FunctionType, types.BuiltinFunctionType,
+                 types.MethodType)
+
+_NUMPY_CLASS = {
+    "float64": "double", "float32": "single", "bool": "logical",
+    "int8": "int8", "int16": "int16", "int32": "int32", "int64": "int64",
+    "uint8": "uint8", "uint16": "uint16", "uint32": "uint32", "uint64": "uint64",
+}
+
+_STAT_FIELDS = ("Min", "Max", "Range", "Mean", "Median", "Mode", "Var", "Std")
+
+_short = reprlib.Repr()
+_short.maxlevel = 3
+_short.maxlist = _short.maxtuple = 12
+_short.maxdict = _short.maxset = _short.maxfrozenset = 8
+_short.maxstring = 60
+_short.maxlong = 40
+_short.maxother = 40
+
+
+def _type_name(value):
+    return type(value).__name__
+
+
+def is_shown(name, value, show_all):
+    """Whether a namespace entry is a workspace variable."""
+    if not isinstance(name, str):
+        return False
+    if show_all:
+        return True
+    # type() rather than isinstance(): isinstance may run a user's __class__ property.
+    return not name.startswith("_") and not issubclass(type(value), _HIDDEN_TYPES)
+
+
+# ----------------------------------------------------------------------------------------------
+# Change tracking
+
+def _sampled_positions(count, wanted):
+    if count <= wanted:
+        return range(count)
+    step = count / wanted
+    return sorted({int(i * step) for i in range(wanted)} | {count - 1})
+
+
+def _array_fingerprint(a):
+    try:
+        pointer = a.__array_interface__["data"][0]
+        if a.nbytes <= SMALL_ARRAY_BYTES:
+            digest = hash(a.tobytes())
+        else:
+            # A large array is fingerprinted by a spread sample of its elements: an in-place
+            # change of a single element between the samples goes unnoticed.
+            picks = np.asarray(_sampled_positions(a.size, SAMPLED_ELEMENTS), dtype=np.intp)
+            digest = hash(a.flat[picks].tobytes())
+        return ("array", a.shape, a.dtype.str, a.strides, pointer, digest)
+    except Exception:
+        return None
+
+
+def _ids_digest(items, count):
+    if count <= MAX_IDS:
+        return hash(tuple(map(id, items)))
+    positions = set(_sampled_positions(count, MAX_IDS))
+    return hash(tuple(id(item) for i, item in enumerate(items) if i in positions))
+
+
+def fingerprint(value):
+    """A cheap digest that changes when a mutable container or array changes in place."""
+    kind = type(value)
+    if np is not None and kind is np.ndarray:
+        return _array_fingerprint(value)
+    if kind is list or kind is tuple:
+        return (len(value), _ids_digest(value, len(value)))
+    if kind is dict:
+        count = len(value)
+        if count <= MAX_IDS:
+            return (count, hash(tuple((id(k), id(v)) for k, v in value.items())))
+        return (count, _ids_digest(list(value.items())[:: max(1, count // MAX_IDS)], MAX_IDS))
+    if kind is set:
+        count = len(value)
+        return (count, hash(frozenset(map(id, value))) if count <= MAX_IDS else None)
+    if kind in (int, float, complex, bool, str, bytes):
+        # Identity alone could miss a rebinding to a new object at a recycled address.
+        return hash(value)
+    return None
+
+
+class Tracker:
+    """Remembers the shown variables by identity and fingerprint to report what changed."""
+
+    def __init__(self, show_all):
+        self.show_all = show_all
+        self.known = {}
+        self.vanished = set()  # names answered as gone that no batch has deleted yet
+
+    def names(self, ns):
+        return sorted(name for name, value in list(ns.items())
+                      if is_shown(name, value, self.show_all))
+
+    def scan(self, ns):
+        """Returns (changed, deleted, cleared) since the previous scan."""
+        current = {}
+        for name, value in list(ns.items()):
+            if is_shown(name, value, self.show_all):
+                current[name] = (id(value), fingerprint(value))
+        old = self.known
+        self.known = current
+        changed = sorted(name for name, state in current.items() if old.get(name) != state)
+        deleted = sorted(name for name in old if name not in current)
+        cleared = bool(old) and not current
+        return changed, deleted, cleared
+
+    def resync(self, ns):
+        """A full batch: what changed, the names answered as gone, and every current name."""
+        changed, deleted, cleared = self.scan(ns)
+        gone = {name for name in self.vanished if name not in self.known}
+        self.vanished.clear()
+        deleted = sorted(set(deleted) | gone)
+        return sorted(self.known), deleted, cleared
+
+
+# ----------------------------------------------------------------------------------------------
+# Display texts
+
+def format_number(x):
+    """One number as the grid shows it: 5 significant digits, NaN, Inf and -Inf spelled out."""
+    if isinstance(x, bool) or (np is not None and isinstance(x, np.bool_)):
+        return "true" if x else "false"
+    if isinstance(x, int) or (np is not None and isinstance(x, np.integer)):
+        return str(int(x))
+    if isinstance(x, complex) or (np is not None and isinstance(x, np.complexfloating)):
+        re, im = float(x.real), float(x.imag)
+        sign = "-" if im < 0 or (im == 0 and math.copysign(1, im) < 0) else "+"
+        return format_number(re) + sign + format_number(abs(im)) + "i"
+    f = float(x)
+    if math.isnan(f):
+        return "NaN"
+    if math.isinf(f):
+        return "Inf" if f > 0 else "-Inf"
+    return format(f, ".5g")
+
+
+def _is_scalar_number(value):
+    if isinstance(value, (bool, int, float, complex)):
+        return True
+    return np is not None and isinstance(value, np.generic) and value.dtype.kind in "biufc"
+
+
+def _size_text(value):
+    if np is not None and isinstance(value, np.ndarray):
+        shape = value.shape
+        if len(shape) == 0:
+            shape = (1, 1)
+        elif len(shape) == 1:
+            shape = (1, shape[0])
+        return TIMES.join(str(n) for n in shape)
+    if isinstance(value, dict) or value is None or _is_scalar_number(value):
+        return "1" + TIMES + "1"
+    if isinstance(value, (str, bytes, list, tuple, set, frozenset)):
+        return "1" + TIMES + str(len(value))
+    if hasattr(type(value), "__len__"):
+        try:
+            return "1" + TIMES + str(len(value))
+        except BaseException:
+            return "?"
+    return "1" + TIMES + "1"
+
+
+def _class_text(value):
+    if np is not None and isinstance(value, (np.ndarray, np.generic)):
+        return _NUMPY_CLASS.get(value.dtype.name, value.dtype.name)
+    if isinstance(value, bool):
+        return "logical"
+    if isinstance(value, float):
+        return "double"
+    if isinstance(value, int):
+        return "int64" if -(1 << 63) <= value < (1 << 63) else "int"
+    if isinstance(value, str):
+        return "char"
+    if isinstance(value, (list, tuple)):
+        return "cell"
+    if isinstance(value, dict):
+        return "struct"
+    return _type_name(value)
+
+
+def _icon_class(value, class_text):
+    if class_text == "logical":
+        return "wsb-icon-logical"
+    if class_text == "char":
+        return "wsb-icon-char"
+    if class_text == "cell":
+        return "wsb-icon-cell"
+    if class_text == "struct":
+        return "wsb-icon-struct"
+    if _is_scalar_number(value) or (
+            np is not None and isinstance(value, np.ndarray) and value.dtype.kind in "iufc"):
+        return "wsb-icon-numeric"
+    if issubclass(type(value), _HIDDEN_TYPES):
+        return "wsb-icon-code"
+    return "wsb-icon-object"
+
+
+def _cut(text):
+    """Cuts a text to the value width; returns (text, was_cut)."""
+    if len(text) <= VALUE_CHARS:
+        return text, False
+    return text[: VALUE_CHARS - 3] + "...", True
+
+
+def _array_value(a, size_text, class_text):
+    a = np.asarray(a)  # subclasses such as matrices iterate oddly
+    summary = size_text + " " + class_text
+    if a.size == 0:
+        return "[]", False
+    if a.ndim == 0:
+        return format_number(a.item()), False
+    if a.ndim > 2 or a.size > ARRAY_TEXT_ELEMENTS or a.dtype.kind not in "biufc":
+        return summary, True
+    rows = [a] if a.ndim == 1 else list(a)
+    text = "[" + "; ".join(" ".join(format_number(x) for x in row) for row in rows) + "]"
+    if len(text) > VALUE_CHARS:
+        return summary, True
+    return text, False
+
+
+def _placeholder(value, error):
+    reason = "repr timed out" if isinstance(error, BudgetExceeded) else (
+        "repr failed: " + type(error).__name__)
+    return "<" + _type_name(value) + ": " + reason + ">"
+
+
+def _value_text(value, size_text, class_text):
+    """(text, is_summary) of the Value column."""
+    if np is not None and isinstance(value, np.ndarray):
+        return _array_value(value, size_text, class_text)
+    if _is_scalar_number(value):
+        return format_number(value), False
+    try:
+        if isinstance(value, (str, bytes, list, tuple, dict, set, frozenset)):
+            text = _short.repr(value)
+            # reprlib marks what it left out with "..."; such a text cannot be edited back.
+            elided = "..." in text
+            if len(text) > VALUE_CHARS:
+                return size_text + " " + class_text, True
+            return text, elided
+        text = repr(value)
+        if not isinstance(text, str):
+            raise TypeError("repr did not return a string")
+        text, cut = _cut(text)
+        return text, cut
+    except BaseException as error:
+        return _placeholder(value, error), True
+
+
+def _numeric_array(value):
+    if np is None:
+        return None
+    if isinstance(value, np.ndarray):
+        array = value
+    elif _is_scalar_number(value) and not isinstance(value, complex):
+        array = np.asarray(value)
+    else:
+        return None
+    if array.dtype.kind not in "biuf":
+        return None
+    return array
+
+
+def _statistics(value, limit):
+    """The statistics texts, or None when they do not apply."""
+    array = _numeric_array(value)
+    if array is None or array.size == 0 or array.size > limit:
+        return None
+    with np.errstate(all="ignore"), warnings.catch_warnings():
+        warnings.simplefilter("ignore")
+        flat = array.reshape(-1)
+        if flat.dtype.kind == "b":
+            flat = flat.astype(np.uint8)
+        low, high = flat.min().item(), flat.max().item()
+        span = high - low  # Python arithmetic: no overflow for integer types
+        as_float = flat.astype(np.float64)
+        mean = as_float.mean()
+        median = np.median(as_float)
+        values, counts = np.unique(flat, return_counts=True)
+        mode = values[int(np.argmax(counts))].item()  # ties: the smallest value
+        var = as_float.var(ddof=1) if flat.size > 1 else 0.0
+        std = math.sqrt(var) if var >= 0 or math.isnan(var) else float("nan")
+    texts = [low, high, span, mean, median, mode, var, std]
+    return dict(zip(_STAT_FIELDS, (format_number(t) for t in texts)))
+
+
+def _bytes_text(value):
+    if np is not None and isinstance(value, np.ndarray):
+        return str(value.nbytes)
+    try:
+        return str(sys.getsizeof(value))
+    except BaseException:
+        return ""
+
+
+def describe(ns, name, fields, compute_stats, limit, show_all):
+    """One record in the host's field order:
+    (name, size, class, value, is_summary, is_dirty, icon, min, max, range, mean, median, mode,
+     std, var, bytes). A name that is no longer a shown variable comes back dirty."""
+    empty = [""] * 8
+    if name not in ns or not is_shown(name, ns[name], show_all):
+        return (name, "", "", "", False, True, "") + tuple(empty) + ("",)
+    value = ns[name]
+    size_text = _size_text(value)
+    class_text = _class_text(value)
+    text, summary = ("", False)
+    if "Value" in fields:
+        text, summary = _value_text(value, size_text, class_text)
+    stats = None
+    if compute_stats and any(f in fields for f in _STAT_FIELDS):
+        try:
+            stats = _statistics(value, limit)
+        except Exception:
+            stats = None
+    s = [stats[key] if stats else "" for key in ("Min", "Max", "Range", "Mean", "Median", "Mode",
+                                                  "Std", "Var")]
+    bytes_text = _bytes_text(value) if "Bytes" in fields else ""
+    return (name, size_text, class_text, text, summary, False,
+            _icon_class(value, class_text)) + tuple(s) + (bytes_text,)
+
+
+# ----------------------------------------------------------------------------------------------
+# Workspace actions
+
+def rename(ns, old, new):
+    """Renames a variable; returns None or the reason it was refused."""
+    if not isinstance(new, str) or not new.isidentifier() or keyword.iskeyword(new):
+        return "Cannot rename '%s' to '%s': not a valid variable name." % (old, _cut(new)[0])
+    if old not in ns:
+        return "Cannot rename '%s': no such variable." % old
+    if new == old:
+        return None
+    if new in ns:
+        return "Cannot rename '%s' to '%s': the name is taken." % (old, new)
+    ns[new] = ns.pop(old)
+    return None
+
+
+def assign(ns, name, text):
+    """Evaluates `text` in the namespace and assigns it; returns None or the error."""
+    if name not in ns:
+        return "Cannot set '%s': no such variable." % name
+    try:
+        value = eval(compile(text, "<edit>", "eval"), ns)
+    except BaseException as error:  # SystemExit and KeyboardInterrupt too: keep the old value
+        message = "%s: %s" % (type(error).__name__, error)
+        return "Cannot set '%s' to %s: %s" % (name, _cut(repr(text))[0], _cut(message)[0])
+    ns[name] = value
+    return None
+
+
+class _CappedText(io.TextIOBase):
+    """A text sink that keeps at most OUTPUT_CHARS characters."""
+
+    def __init__(self):
+        super().__init__()
+        self.parts = []
+        self.length = 0
+        self.cut = False
+
+    def writable(self):
+        return True
+
+    def write(self, text):
+        if not isinstance(text, str):
+            raise TypeError("write() argument must be str, not " + _type_name(text))
+        room = OUTPUT_CHARS - self.length
+        if len(text) > room:
+            text = text[:max(room, 0)]
+            self.cut = True
+        self.parts.append(text)
+        self.length += len(text)
+        return len(text)
+
+    def text(self):
+        return "".join(self.parts) + ("\n[output cut]\n" if self.cut else "")
+
+
+def _print_error(error, stream):
+    # Drops this module's frames so that tracebacks start in the user's code.
+    tb = error.__traceback__
+    while tb is not None and tb.tb_frame.f_code.co_filename == __file__:
+        tb = tb.tb_next
+    stream.write("".join(traceback.format_exception(type(error), error, tb)))
+
+
+def _run(ns, source, filename, echo):
+    tree = ast.parse(source, filename, "exec")
+    last = None
+    if echo and tree.body and isinstance(tree.body[-1], ast.Expr):
+        last = ast.Expression(tree.body.pop().value)
+    exec(compile(tree, filename, "exec"), ns)
+    if last is not None:
+        value = eval(compile(last, filename, "eval"), ns)
+        if value is not None:
+            ns["_"] = value
+            try:
+                text = repr(value)
+            except BaseException as error:
+                text = _placeholder(value, error)
+            sys.stdout.write(text + "\n")
+
+
+def run(ns, source, filename, echo, capture):
+    """Runs code in the namespace. With `capture`, returns (output, failed) with what it wrote
+    to stdout and stderr; otherwise it writes to the real streams and returns ("", failed)."""
+    sink = _CappedText() if capture else None
+    saved = sys.stdout, sys.stderr
+    if capture:
+        sys.stdout = sys.stderr = sink
+    failed = False
+    try:
+        try:
+            _run(ns, source, filename, echo)
+        except BaseException as error:  # SystemExit too: the host keeps running
+            failed = True
+            _print_error(error, sys.stderr)
+    finally:
+        sys.stdout, sys.stderr = saved
+    return (sink.text() if capture else ""), failed
+
+
+def needs_more_input(source):
+    """Whether an interactive command is incomplete (the terminal asks for another line)."""
+    import codeop
+    try:
+        return codeop.compile_command(source, "<stdin>", "single") is None
+    except (SyntaxError, OverflowError, ValueError):
+        return False
+
+
+def run_script(ns, path):
+    """Runs a script file as __main__ would; returns whether it failed."""
+    try:
+        with open(path, "rb") as handle:
+            source = handle.read()
+    except OSError as error:
+        sys.stderr.write("Cannot read %s: %s\n" % (path, error.strerror or error))
+        return True
+    saved_argv, saved_file = sys.argv, ns.get("__file__")
+    sys.argv = [path]
+    ns["__file__"] = path
+    try:
+        return run(ns, source, path, False, False)[1]
+    finally:
+        sys.argv = saved_argv
+        if saved_file is None:
+            ns.pop("__file__", None)
+        else:
+            ns["__file__"] = saved_file

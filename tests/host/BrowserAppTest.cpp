@@ -1,0 +1,177 @@
+// Pages served from the real interpreter: a grid client and a console on the in-process
+// message service, as a browser page would use them over WebSocket.
+
+#include "BrowserApp.hpp"
+#include "HostOptions.hpp"
+#include "HostTestRig.hpp"
+
+#include "support/ScriptedHost.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace wsb_host_test;
+using ::testing::HasSubstr;
+using wsb_test::GridClient;
+
+namespace {
+
+using Service = connector::message_service::LocalMessageService;
+
+// A page's console as the page sees it.
+class ConsolePage {
+public:
+    ConsolePage(const std::shared_ptr<Service>& service, const std::string& pageId)
+        : mService(service), mChannel("/Console/" + pageId), mReplies(service, mChannel) {}
+    // Sends raw text and waits for the answer.
+    GridClient::Message send(const std::string& text) {
+        const std::size_t from = mReplies.count();
+        mService->publishFromClient(mChannel, text);
+        return mReplies.waitFor([](const GridClient::Message&) { return true; }, from);
+    }
+    GridClient::Message waitFor(std::size_t from) {
+        return mReplies.waitFor([](const GridClient::Message&) { return true; }, from);
+    }
+    std::size_t count() const { return mReplies.count(); }
+
+private:
+    std::shared_ptr<Service> mService;
+    std::string mChannel;
+    GridClient mReplies; // records what the server publishes on the channel
+};
+
+struct AppRig {
+    explicit AppRig(bool console = true) {
+        wsbrowser::BrowserApp::Options options;
+        options.page.console = console;
+        options.watch = true;
+        options.watchSink = [this](const std::string& line) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                watched.push_back(line);
+            }
+            arrived.notify_all();
+        };
+        app = std::make_unique<wsbrowser::BrowserApp>(workspace.host, service, options);
+    }
+    ~AppRig() { app->shutdown(); }
+
+    std::shared_ptr<Service> service = std::make_shared<Service>();
+    HostRig workspace;
+    std::unique_ptr<wsbrowser::BrowserApp> app;
+    // Waits for the watcher's report: the app view model drops what it has not reported
+    // when it shuts down.
+    bool waitWatched(const std::string& line) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, wsb_test::kWaitLimit, [&] {
+            return std::find(watched.begin(), watched.end(), line) != watched.end();
+        });
+    }
+
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::vector<std::string> watched;
+};
+
+} // namespace
+
+TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
+    AppRig rig;
+    rig.workspace.run("import numpy as np\nm = np.arange(12.0).reshape(3, 4)\ns = 'text'\n");
+    rig.app->pageConnected("p1");
+    GridClient grid(rig.service, "/WorkspaceBrowser/p1");
+    ConsolePage console(rig.service, "p1");
+
+    grid.sendPaging(R"({"eventType":13})");
+    EXPECT_EQ(grid.waitFor(GridClient::isSize()).number("rowCount"), 2);
+    EXPECT_EQ(grid.waitFor(GridClient::isSize()).number("columnCount"), 13);
+
+    // The cached names go out first, then the rows the interpreter described.
+    const auto described = [](const GridClient::Message& m) {
+        if (!GridClient::isPage()(m))
+            return false;
+        const auto cells = GridClient::rows(m);
+        return cells.size() == 2 && !cells[0].at(1).at("value").get<std::string>().empty();
+    };
+    grid.getData(0, 1, 0, 12);
+    const auto rows = GridClient::rows(grid.waitFor(described));
+    ASSERT_EQ(rows.size(), 2U);
+    EXPECT_EQ(rows[0].at(0).at("value").get<std::string>(), "m");
+    EXPECT_EQ(rows[0].at(1).at("value").get<std::string>(), "[0 1 2 3; 4 5 6 7; 8 9 10 11]");
+    EXPECT_EQ(rows[0].at(2).at("value").get<std::string>(), "3" + kTimes + "4");
+    EXPECT_EQ(rows[0].at(3).at("value").get<std::string>(), "double");
+    EXPECT_EQ(rows[0].at(7).at("value").get<std::string>(), "5.5"); // mean
+    EXPECT_EQ(rows[1].at(3).at("value").get<std::string>(), "char");
+
+    // Console code changes the workspace; the grid hears of it and the watcher reports it.
+    const auto reply = console.send(R"({"code":"k = 3\nk * 2"})");
+    EXPECT_EQ(reply.string("output"), "6\n");
+    EXPECT_FALSE(reply.flag("error"));
+    const std::size_t sizes = grid.count();
+    grid.sendPaging(R"({"eventType":13})");
+    EXPECT_EQ(grid.waitFor(GridClient::isSize(), sizes).number("rowCount"), 3);
+    EXPECT_TRUE(console.send(R"({"code":"undefined_thing"})").flag("error"));
+    EXPECT_THAT(console.send(R"({"nocode":1})").string("output"), HasSubstr("\"code\""));
+    EXPECT_TRUE(console.send("not json").flag("error"));
+
+    // A refused rename from the grid reaches the page's console.
+    const std::size_t before = console.count();
+    rig.workspace.host->rename("k", "m");
+    EXPECT_THAT(console.waitFor(before).string("output"), HasSubstr("the name is taken"));
+
+    rig.workspace.run("del k\n");
+    EXPECT_TRUE(rig.waitWatched("deleted: k"));
+    std::lock_guard<std::mutex> lock(rig.mutex);
+    EXPECT_THAT(rig.watched, ::testing::ElementsAre("added: m, s", "added: k", "deleted: k"));
+}
+
+TEST(BrowserApp, PagesComeAndGoIndependentlyAndConsolesCanBeOff) {
+    AppRig rig(false);
+    rig.app->pageConnected("a");
+    rig.app->pageConnected("b");
+    rig.app->pageConnected("a");
+    EXPECT_EQ(rig.app->pageIds(), (Names{"a", "b"}));
+    rig.app->pageDisconnected("a");
+    rig.app->pageDisconnected("unknown");
+    EXPECT_EQ(rig.app->pageIds(), (Names{"b"}));
+
+    GridClient console(rig.service, "/Console/b");
+    rig.service->publishFromClient("/Console/b", R"({"code":"q = 1"})");
+    rig.workspace.wait();
+    EXPECT_EQ(console.count(), 0U);
+    EXPECT_TRUE(rig.workspace.host->variableNames().empty());
+
+    rig.app->shutdown();
+    rig.app->pageConnected("c"); // too late: ignored
+    EXPECT_TRUE(rig.app->pageIds().empty());
+}
+
+TEST(BrowserApp, DescribesWatchedChangesAndParsesTheCommandLine) {
+    using wsbrowser::BrowserApp;
+    EXPECT_EQ(BrowserApp::describeChange({"VARIABLE_ADDED", "a", "b"}), "added: a, b");
+    EXPECT_EQ(BrowserApp::describeChange({"WORKSPACE_CLEARED"}), "cleared");
+
+    using wsbrowser::HostOptions;
+    const HostOptions options = HostOptions::parse(
+        {"--port", "8080", "--address=0.0.0.0", "--log-level", "4", "--log-filter",
+         "zentra::", "--show-all", "--watch", "--no-console", "a.py", "--", "--b.py"},
+        "/web");
+    EXPECT_EQ(options.port, 8080);
+    EXPECT_EQ(options.address, "0.0.0.0");
+    EXPECT_EQ(options.staticRoot, "/web");
+    EXPECT_EQ(options.logLevel, 4);
+    EXPECT_EQ(options.logFilter, "zentra::");
+    EXPECT_TRUE(options.showAll && options.watch && !options.console && !options.help);
+    EXPECT_EQ(options.scripts, (Names{"a.py", "--b.py"}));
+    EXPECT_EQ(HostOptions::parse({"--static", "/x"}, "/web").staticRoot, "/x");
+
+    for (const Names& bad : std::vector<Names>{{"--port"},
+                                               {"--port", "-1"},
+                                               {"--port", "65536"},
+                                               {"--port", "8o"},
+                                               {"--log-level", "10"},
+                                               {"--watch=yes"},
+                                               {"--address="},
+                                               {"--frobnicate"}})
+        EXPECT_THROW(HostOptions::parse(bad, ""), std::invalid_argument) << bad.front();
+}

@@ -1,0 +1,278 @@
+// The workspace of the real embedded interpreter: display texts, change batches, rename and
+// edit, and variables that misbehave.
+
+#include "HostTestRig.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace wsb_host_test;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+std::string x(const std::string& a, const std::string& b) {
+    return a + kTimes + b;
+}
+
+EventInfo changed(Names names) {
+    return {EventType::VARIABLE_CHANGED, std::move(names)};
+}
+EventInfo deleted(Names names) {
+    return {EventType::VARIABLE_DELETED, std::move(names)};
+}
+
+} // namespace
+
+TEST(WorkspaceHost, DisplayTextsOfScalarsTextAndContainers) {
+    HostRig rig;
+    rig.run("import numpy as np\n"
+            "r = 2.5\nn = 7\nb = True\nh = np.float32(0.5)\n"
+            "s = 'hello'\nl = [1, 'a', 3.0]\nt = (1, 2)\nd = {'k': 1, 'm': [2]}\n"
+            "z = None\nlong_text = 'y' * 500\n");
+    struct Expected {
+        std::string name, size, className, value;
+        bool summary;
+        std::string icon;
+    };
+    const Expected table[] = {
+        {"r", x("1", "1"), "double", "2.5", false, "wsb-icon-numeric"},
+        {"n", x("1", "1"), "int64", "7", false, "wsb-icon-numeric"},
+        {"b", x("1", "1"), "logical", "true", false, "wsb-icon-logical"},
+        {"h", x("1", "1"), "single", "0.5", false, "wsb-icon-numeric"},
+        {"s", x("1", "5"), "char", "'hello'", false, "wsb-icon-char"},
+        {"l", x("1", "3"), "cell", "[1, 'a', 3.0]", false, "wsb-icon-cell"},
+        {"t", x("1", "2"), "cell", "(1, 2)", false, "wsb-icon-cell"},
+        {"d", x("1", "1"), "struct", "{'k': 1, 'm': [2]}", false, "wsb-icon-struct"},
+        {"z", x("1", "1"), "NoneType", "None", false, "wsb-icon-object"},
+    };
+    for (const Expected& e : table) {
+        const WSVariable v = rig.fetchOne(e.name);
+        EXPECT_EQ(v.name, e.name);
+        EXPECT_EQ(v.size, e.size) << e.name;
+        EXPECT_EQ(v.className, e.className) << e.name;
+        EXPECT_EQ(v.value, e.value) << e.name;
+        EXPECT_EQ(v.isSummary, e.summary) << e.name;
+        EXPECT_EQ(v.iconClass, e.icon) << e.name;
+        EXPECT_FALSE(v.isDirty) << e.name;
+        EXPECT_FALSE(v.bytes.empty()) << e.name;
+    }
+    // Statistics belong to numbers only.
+    EXPECT_EQ(rig.fetchOne("r").mean, "2.5");
+    EXPECT_EQ(rig.fetchOne("b").max, "1");
+    EXPECT_EQ(rig.fetchOne("s").mean, "");
+    EXPECT_EQ(rig.fetchOne("l").min, "");
+    // Long text is cut and may not be edited back.
+    const WSVariable text = rig.fetchOne("long_text");
+    EXPECT_EQ(text.size, x("1", "500"));
+    EXPECT_TRUE(text.isSummary);
+    EXPECT_LE(text.value.size(), 80U);
+}
+
+TEST(WorkspaceHost, DisplayTextsAndStatisticsOfArrays) {
+    HostRig rig;
+    rig.run("import numpy as np\n"
+            "m = np.arange(12.0).reshape(3, 4)\n"
+            "v = np.array([-3, 1, 1, 7], dtype=np.int8)\n"
+            "u = np.array([250, 5], dtype=np.uint8)\n"
+            "mask = np.array([True, False, True])\n"
+            "odd = np.array([1.0, np.nan, np.inf])\n"
+            "neg = np.array([-np.inf, 1.0])\n"
+            "empty = np.array([])\n"
+            "cube = np.zeros((2, 3, 4))\n"
+            "wide = np.arange(40.0)\n");
+    const WSVariable m = rig.fetchOne("m");
+    EXPECT_EQ(m.size, x("3", "4"));
+    EXPECT_EQ(m.className, "double");
+    EXPECT_EQ(m.value, "[0 1 2 3; 4 5 6 7; 8 9 10 11]");
+    EXPECT_EQ(m.bytes, "96");
+    EXPECT_EQ(
+        (std::vector<std::string>{m.min, m.max, m.range, m.mean, m.median, m.mode, m.var, m.std}),
+        (std::vector<std::string>{"0", "11", "11", "5.5", "5.5", "0", "13", "3.6056"}));
+
+    const WSVariable v = rig.fetchOne("v");
+    EXPECT_EQ(v.size, x("1", "4"));
+    EXPECT_EQ(v.className, "int8");
+    EXPECT_EQ(v.value, "[-3 1 1 7]");
+    EXPECT_EQ(v.range, "10") << "no wrap-around in the element type";
+    EXPECT_EQ(v.mode, "1");
+    EXPECT_EQ(rig.fetchOne("u").range, "245");
+
+    const WSVariable mask = rig.fetchOne("mask");
+    EXPECT_EQ(mask.className, "logical");
+    EXPECT_EQ(mask.iconClass, "wsb-icon-logical");
+    EXPECT_EQ(mask.value, "[true false true]");
+    EXPECT_EQ(mask.mean, "0.66667");
+
+    const WSVariable odd = rig.fetchOne("odd");
+    EXPECT_EQ(odd.value, "[1 NaN Inf]");
+    EXPECT_EQ(odd.max, "NaN");
+    const WSVariable neg = rig.fetchOne("neg");
+    EXPECT_EQ(neg.min, "-Inf");
+    EXPECT_EQ(neg.range, "Inf");
+    EXPECT_EQ(neg.var, "NaN");
+
+    const WSVariable empty = rig.fetchOne("empty");
+    EXPECT_EQ(empty.size, x("1", "0"));
+    EXPECT_EQ(empty.value, "[]");
+    EXPECT_EQ(empty.min, "");
+    EXPECT_EQ(empty.bytes, "0");
+
+    // Arrays whose text would not fit are summarised.
+    EXPECT_EQ(rig.fetchOne("cube").value, x("2", "3") + kTimes + "4 double");
+    const WSVariable wide = rig.fetchOne("wide");
+    EXPECT_EQ(wide.value, x("1", "40") + " double");
+    EXPECT_TRUE(wide.isSummary);
+
+    // Statistics only when asked and within the element limit.
+    EXPECT_EQ(rig.fetchOne("wide", true, 40).mean, "19.5");
+    EXPECT_EQ(rig.fetchOne("wide", true, 39).mean, "");
+    EXPECT_EQ(rig.fetchOne("wide", false).mean, "");
+}
+
+TEST(WorkspaceHost, FetchFillsOnlyTheAskedFieldsAndMarksVanishedNamesDirty) {
+    HostRig rig;
+    rig.run("import numpy as np\na = np.ones(3)\n");
+    const auto records = rig.fetch({"a", "gone"}, {"Name", "Size"});
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].size, x("1", "3"));
+    EXPECT_EQ(records[0].value, "");
+    EXPECT_EQ(records[0].mean, "");
+    EXPECT_FALSE(records[0].isDirty);
+    EXPECT_EQ(records[1], (WSVariable{.name = "gone", .isDirty = true}));
+}
+
+TEST(WorkspaceHost, BatchesReportRebindingInPlaceChangesDeletionAndClearing) {
+    HostRig rig;
+    rig.takeBatches();
+    rig.run("import numpy as np\nimport os\ndef f(): pass\nclass K: pass\n_hidden = 1\n"
+            "a = 1.5\nv = np.zeros(3)\nbig = np.zeros(1000000)\nl = [1]\nd = {}\n");
+    EXPECT_THAT(rig.takeBatches(), ElementsAre(ElementsAre(changed({"a", "big", "d", "l", "v"}))));
+
+    rig.run("print('nothing changes')");
+    EXPECT_TRUE(rig.takeBatches().empty());
+
+    rig.run("a = 2.5\nv[1] = 4\nbig[:] = 1\nl.append(2)\nd['k'] = 0\n");
+    EXPECT_THAT(rig.takeBatches(), ElementsAre(ElementsAre(changed({"a", "big", "d", "l", "v"}))));
+
+    rig.run("v = v\nw = v\ndel a\ndel l\n"); // the same object under a new name
+    EXPECT_THAT(rig.takeBatches(), ElementsAre(ElementsAre(changed({"w"}), deleted({"a", "l"}))));
+
+    rig.run("del big, d, v, w\n");
+    EXPECT_THAT(rig.takeBatches(),
+                ElementsAre(ElementsAre(EventInfo{EventType::WORKSPACE_CLEARED, {}})));
+    EXPECT_TRUE(rig.host->variableNames().empty());
+}
+
+TEST(WorkspaceHost, ShowAllListsModulesFunctionsAndHiddenNames) {
+    HostRig rig({.showAll = true});
+    rig.run("import os\ndef f(): pass\n_hidden = 1\n");
+    const Names names = rig.host->variableNames();
+    for (const char* name : {"os", "f", "_hidden", "__builtins__"})
+        EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+    EXPECT_EQ(rig.fetchOne("os").className, "module");
+}
+
+TEST(WorkspaceHost, TriggerResendsEveryNameAndDropsNamesAnsweredAsVanished) {
+    HostRig rig;
+    rig.run("a = 1\nb = 2\n");
+    rig.takeBatches();
+    rig.fetch({"ghost", "a"});
+    rig.host->trigger();
+    rig.wait();
+    EXPECT_THAT(rig.takeBatches(),
+                ElementsAre(ElementsAre(deleted({"ghost"}), changed({"a", "b"}))));
+}
+
+TEST(WorkspaceHost, RenameAndEditChangeTheWorkspaceOrAreRefusedLosingNothing) {
+    HostRig rig;
+    rig.run("a = [1, 2]\nb = 'keep'\n");
+    rig.takeBatches();
+
+    rig.host->rename("a", "c");
+    rig.wait();
+    EXPECT_THAT(rig.takeBatches(), ElementsAre(ElementsAre(changed({"c"}), deleted({"a"}))));
+    EXPECT_TRUE(rig.takeMessages().empty());
+
+    // Refused: a bad identifier, a keyword, a taken name, an unknown variable.
+    for (const auto& [from, to] : std::vector<std::pair<std::string, std::string>>{
+             {"c", "1x"}, {"c", "class"}, {"c", "b"}, {"nope", "fresh"}})
+        rig.host->rename(from, to);
+    const auto refusals = rig.takeMessages();
+    ASSERT_EQ(refusals.size(), 4U);
+    EXPECT_THAT(refusals[0], HasSubstr("not a valid variable name"));
+    EXPECT_THAT(refusals[1], HasSubstr("not a valid variable name"));
+    EXPECT_THAT(refusals[2], HasSubstr("the name is taken"));
+    EXPECT_THAT(refusals[3], HasSubstr("no such variable"));
+    EXPECT_EQ(rig.run("print(c, b)"), "[1, 2] keep\n");
+    EXPECT_TRUE(rig.takeBatches().empty());
+
+    rig.host->editValue("c", "[n * 10 for n in c]");
+    rig.wait();
+    EXPECT_THAT(rig.takeBatches(), ElementsAre(ElementsAre(changed({"c"}))));
+    EXPECT_EQ(rig.fetchOne("c").value, "[10, 20]");
+
+    for (const auto& text : {"1/0", "(", "exit()", "undefined_name"})
+        rig.host->editValue("b", text);
+    rig.host->editValue("missing", "1");
+    const auto failures = rig.takeMessages();
+    ASSERT_EQ(failures.size(), 5U);
+    EXPECT_THAT(failures[0], HasSubstr("ZeroDivisionError"));
+    EXPECT_THAT(failures[1], HasSubstr("SyntaxError"));
+    EXPECT_THAT(failures[2], HasSubstr("SystemExit"));
+    EXPECT_THAT(failures[3], HasSubstr("NameError"));
+    EXPECT_THAT(failures[4], HasSubstr("no such variable"));
+    EXPECT_EQ(rig.fetchOne("b").value, "'keep'");
+}
+
+TEST(WorkspaceHost, MisbehavingObjectsGetPlaceholdersAndTheHostCarriesOn) {
+    HostRig rig({.reprBudget = std::chrono::milliseconds(200)});
+    rig.run("class Raises:\n"
+            "    def __repr__(self): raise ValueError('no')\n"
+            "    def __len__(self): raise RuntimeError('no')\n"
+            "class Huge:\n"
+            "    def __repr__(self): return 'x' * 10_000_000\n"
+            "class NotText:\n"
+            "    def __repr__(self): return 42\n"
+            "class Endless:\n"
+            "    def __repr__(self):\n"
+            "        while True: pass\n"
+            "class Nested(list): pass\n"
+            "raises, huge, not_text, endless = Raises(), Huge(), NotText(), Endless()\n"
+            "deep = []\n"
+            "for _ in range(100000): deep = [deep]\n"
+            "holder = [Raises()]\n");
+    const WSVariable raises = rig.fetchOne("raises");
+    EXPECT_EQ(raises.value, "<Raises: repr failed: ValueError>");
+    EXPECT_EQ(raises.size, "?");
+    EXPECT_TRUE(raises.isSummary);
+    const WSVariable huge = rig.fetchOne("huge");
+    EXPECT_EQ(huge.value.size(), 80U);
+    EXPECT_TRUE(huge.isSummary);
+    EXPECT_EQ(rig.fetchOne("not_text").value, "<NotText: repr failed: TypeError>");
+    EXPECT_EQ(rig.fetchOne("endless").value, "<Endless: repr timed out>");
+    EXPECT_EQ(rig.fetchOne("deep").size, x("1", "1"));
+    EXPECT_THAT(rig.fetchOne("holder").value, HasSubstr("Raises"));
+
+    // The interpreter is still usable, and nothing stray is raised into later code.
+    EXPECT_EQ(rig.run("print(sum(range(10**6)))"), "499999500000\n");
+}
+
+TEST(WorkspaceHost, ConsoleCodeEchoesCapturesAndReportsErrors) {
+    HostRig rig;
+    EXPECT_EQ(rig.run("x = 20\nprint('out')\nx + 1"), "out\n21\n");
+    auto [output, failed] = rig.host->execute("import sys\nsys.stderr.write('e\\n')\n1/0");
+    EXPECT_TRUE(failed);
+    EXPECT_THAT(output, HasSubstr("e\n"));
+    EXPECT_THAT(output, HasSubstr("ZeroDivisionError"));
+    EXPECT_THAT(output, ::testing::Not(HasSubstr("wsbrowser_host")));
+    std::tie(output, failed) = rig.host->execute("raise SystemExit(3)");
+    EXPECT_TRUE(failed);
+    std::tie(output, failed) = rig.host->execute("print('z' * 3_000_000)");
+    EXPECT_FALSE(failed);
+    EXPECT_LT(output.size(), 1100000U);
+    EXPECT_THAT(output, HasSubstr("[output cut]"));
+    EXPECT_TRUE(rig.host->needsMoreInput("for i in range(2):\n"));
+    EXPECT_FALSE(rig.host->needsMoreInput("x = 1\n"));
+}
