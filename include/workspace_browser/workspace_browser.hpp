@@ -34,3 +34,4 @@
 #include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
 #include <workspace_browser/viewmodel/VEAppViewModel.hpp>
 #include <workspace_browser/viewmodel/WSViewModel.hpp>
+#include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>

@@ -27,14 +27,13 @@ public:
     GridClient::Message send(const std::string& text) {
         const std::size_t from = mReplies.count();
         mService->publishFromClient(mChannel, text);
-        return mReplies.waitFor([](const GridClient::Message&) { return true; }, from);
+        return mReplies.waitFor(any, from);
     }
-    GridClient::Message waitFor(std::size_t from) {
-        return mReplies.waitFor([](const GridClient::Message&) { return true; }, from);
-    }
+    GridClient::Message waitFor(std::size_t from) { return mReplies.waitFor(any, from); }
     std::size_t count() const { return mReplies.count(); }
 
 private:
+    static bool any(const GridClient::Message&) { return true; }
     std::shared_ptr<Service> mService;
     std::string mChannel;
     GridClient mReplies; // records what the server publishes on the channel
@@ -63,7 +62,7 @@ struct AppRig {
     // when it shuts down.
     bool waitWatched(const std::string& line) {
         std::unique_lock<std::mutex> lock(mutex);
-        return arrived.wait_for(lock, wsb_test::kWaitLimit, [&] {
+        return arrived.wait_for(lock, std::chrono::seconds(60), [&] {
             return std::find(watched.begin(), watched.end(), line) != watched.end();
         });
     }
@@ -82,34 +81,33 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
     GridClient grid(rig.service, "/WorkspaceBrowser/p1");
     ConsolePage console(rig.service, "p1");
 
-    grid.sendPaging(R"({"eventType":13})");
-    EXPECT_EQ(grid.waitFor(GridClient::isSize()).number("rowCount"), 2);
-    EXPECT_EQ(grid.waitFor(GridClient::isSize()).number("columnCount"), 13);
+    const auto isSize = GridClient::is("eventType", 1);
+    grid.paging(R"({"eventType":13})");
+    EXPECT_EQ(grid.waitFor(isSize).number("rowCount"), 2);
+    EXPECT_EQ(grid.waitFor(isSize).number("columnCount"), 13);
 
     // The cached names go out first, then the rows the interpreter described.
     const auto described = [](const GridClient::Message& m) {
-        if (!GridClient::isPage()(m))
+        if (!GridClient::is("eventType", 2)(m))
             return false;
-        const auto cells = GridClient::rows(m);
-        return cells.size() == 2 && !cells[0].at(1).at("value").get<std::string>().empty();
+        const auto values = GridClient::column(m, 1);
+        return values.size() == 2 && !values[0].empty();
     };
-    grid.getData(0, 1, 0, 12);
-    const auto rows = GridClient::rows(grid.waitFor(described));
-    ASSERT_EQ(rows.size(), 2U);
-    EXPECT_EQ(rows[0].at(0).at("value").get<std::string>(), "m");
-    EXPECT_EQ(rows[0].at(1).at("value").get<std::string>(), "[0 1 2 3; 4 5 6 7; 8 9 10 11]");
-    EXPECT_EQ(rows[0].at(2).at("value").get<std::string>(), "3" + kTimes + "4");
-    EXPECT_EQ(rows[0].at(3).at("value").get<std::string>(), "double");
-    EXPECT_EQ(rows[0].at(7).at("value").get<std::string>(), "5.5"); // mean
-    EXPECT_EQ(rows[1].at(3).at("value").get<std::string>(), "char");
+    grid.range(11, 0, 1, 0, 12);
+    const auto page = grid.waitFor(described);
+    EXPECT_EQ(GridClient::column(page, 0), (Names{"m", "s"}));
+    EXPECT_EQ(GridClient::column(page, 1)[0], "[0 1 2 3; 4 5 6 7; 8 9 10 11]");
+    EXPECT_EQ(GridClient::column(page, 2)[0], "3" + kTimes + "4");
+    EXPECT_EQ(GridClient::column(page, 3), (Names{"double", "char"}));
+    EXPECT_EQ(GridClient::column(page, 7)[0], "5.5"); // mean
 
     // Console code changes the workspace; the grid hears of it and the watcher reports it.
     const auto reply = console.send(R"({"code":"k = 3\nk * 2"})");
     EXPECT_EQ(reply.string("output"), "6\n");
     EXPECT_FALSE(reply.flag("error"));
     const std::size_t sizes = grid.count();
-    grid.sendPaging(R"({"eventType":13})");
-    EXPECT_EQ(grid.waitFor(GridClient::isSize(), sizes).number("rowCount"), 3);
+    grid.paging(R"({"eventType":13})");
+    EXPECT_EQ(grid.waitFor(isSize, sizes).number("rowCount"), 3);
     EXPECT_TRUE(console.send(R"({"code":"undefined_thing"})").flag("error"));
     EXPECT_THAT(console.send(R"({"nocode":1})").string("output"), HasSubstr("\"code\""));
     EXPECT_TRUE(console.send("not json").flag("error"));

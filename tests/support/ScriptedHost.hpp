@@ -20,6 +20,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -204,6 +205,20 @@ public:
     std::size_t count() const {
         std::lock_guard<std::mutex> lock(mMutex);
         return mInbox.size();
+    }
+    // Waits for the first reply, from the `from`-th on, that satisfies `pred`. Bounded only so
+    // that a broken build fails instead of hanging.
+    Message waitFor(const Predicate& pred, std::size_t from = 0) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        std::optional<Message> found;
+        mArrived.wait_for(lock, std::chrono::seconds(60), [&] {
+            for (; from < mInbox.size() && !found; ++from)
+                if (pred(mInbox[from]))
+                    found = mInbox[from];
+            return found.has_value();
+        });
+        EXPECT_TRUE(found.has_value()) << "no matching reply arrived";
+        return found.value_or(Message{});
     }
     // Waits until the view model has published everything queued before this call: its queue
     // answers a row metadata request for a range no one else asks for only after that work.
