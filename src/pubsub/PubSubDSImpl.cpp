@@ -4,7 +4,7 @@
 #include <workspace_browser/platform/json/Serialize.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 
-#include "PublishText.hpp"
+#include "ChannelMechanics.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -120,14 +120,11 @@ PubSubDSImpl::~PubSubDSImpl() {
 }
 
 void PubSubDSImpl::setupSubscription() {
-    auto future = messageService->subscribe(channel, [this](const JsonMessage& message) {
-        WSB_LOG(gLogger, kLevel) << "PubSubDSImpl message recieved " << message.text();
-        martialMessage(message);
-    });
-    if (!future.valid())
-        throw std::runtime_error("Future state isn't valid!");
-    future.wait();
-    subscription = future.get();
+    subscription = workspace_browser_startup::detail::subscribeChannel(
+        *messageService, channel, [this](const JsonMessage& message) {
+            WSB_LOG(gLogger, kLevel) << "PubSubDSImpl message recieved " << message.text();
+            martialMessage(message);
+        });
 }
 
 void PubSubDSImpl::addDSObserver(DSObserver* observer) {

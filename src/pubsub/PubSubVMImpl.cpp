@@ -6,7 +6,7 @@
 #include <workspace_browser/platform/settings/Settings.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 
-#include "PublishText.hpp"
+#include "ChannelMechanics.hpp"
 
 #include <algorithm>
 #include <cstdint>
@@ -113,14 +113,11 @@ PubSubVMImpl::~PubSubVMImpl() {
 }
 
 void PubSubVMImpl::setupSubscription() {
-    auto future = messageService->subscribe(channel, [this](const JsonMessage& message) {
-        WSB_LOG(gLogger, kLevel) << "PubSubVMImpl message received " << message.text();
-        martialMessage(message);
-    });
-    if (!future.valid())
-        throw std::runtime_error("Future state isn't valid!");
-    future.wait();
-    subscription = future.get();
+    subscription =
+        detail::subscribeChannel(*messageService, channel, [this](const JsonMessage& message) {
+            WSB_LOG(gLogger, kLevel) << "PubSubVMImpl message received " << message.text();
+            martialMessage(message);
+        });
 }
 
 void PubSubVMImpl::addVMObserver(VMObserver* observer) {
