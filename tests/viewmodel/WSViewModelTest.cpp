@@ -2,12 +2,16 @@
 
 #include "support/ScriptedHost.hpp"
 
+#include <workspace_browser/viewmodel/VEAppViewModel.hpp>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <thread>
 #include <tuple>
 
@@ -289,6 +293,15 @@ TEST(WSViewModel, TwoViewModelsServeClientsConcurrentlyWithAHostThread) {
     rig.host.fire(batch(kChanged, initial));
     rig.start("/Grid/One");
     auto second = rig.make("/Grid/Two");
+    // The embedding application follows the same stream through an app view model.
+    std::mutex noticeMutex;
+    std::condition_variable noticed;
+    std::vector<Names> notices;
+    VEAppViewModel app(rig.service, "/App", rig.model, [&](Names notice) {
+        std::lock_guard<std::mutex> lock(noticeMutex);
+        notices.push_back(std::move(notice));
+        noticed.notify_all();
+    });
     std::vector<std::unique_ptr<GridClient>> clients;
     for (const char* id : {"/Grid/One", "/Grid/Two", "/Grid/One"})
         clients.push_back(std::make_unique<GridClient>(rig.service, id));
@@ -322,6 +335,23 @@ TEST(WSViewModel, TwoViewModelsServeClientsConcurrentlyWithAHostThread) {
     });
     for (auto& thread : threads)
         thread.join();
+
+    // Every batch reached the app view model once, in the order the host raised them.
+    rig.host.fire(batch(kChanged, {"zz_marker"}));
+    std::vector<Names> expectedNotices;
+    for (std::size_t i = 0; i < 30; ++i) {
+        expectedNotices.push_back({"VARIABLE_ADDED", "w" + std::to_string(i)});
+        if (i % 3 == 0)
+            expectedNotices.push_back({"VARIABLE_DELETED", initial[250 + i]});
+    }
+    expectedNotices.push_back({"VARIABLE_ADDED", "zz_marker"});
+    {
+        std::unique_lock<std::mutex> lock(noticeMutex);
+        noticed.wait_for(lock, std::chrono::seconds(60),
+                         [&] { return notices.size() >= expectedNotices.size(); });
+        EXPECT_EQ(notices, expectedNotices);
+    }
+    app.onPreShutdown();
 
     // Both grids now show the data model's names in name order.
     Names expected = rig.model->getVariableNames();
