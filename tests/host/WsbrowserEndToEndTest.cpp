@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <regex>
 #include <string>
 
 extern char** environ;
@@ -43,16 +42,19 @@ public:
         if (rc != 0)
             throw std::runtime_error("cannot start wsbrowser");
         mOut = ::fdopen(out[0], "r");
+        // The program prints "Workspace browser: http://127.0.0.1:PORT/?token=HEX".
+        const std::string prefix = "Workspace browser: http://127.0.0.1:";
         char line[1024];
-        const std::regex url(R"(Workspace browser: http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]+))");
         while (std::fgets(line, sizeof line, mOut)) {
-            std::smatch match;
             const std::string text = line;
-            if (std::regex_search(text, match, url)) {
-                port = static_cast<std::uint16_t>(std::stoi(match[1]));
-                token = match[2];
-                break;
-            }
+            const auto at = text.find(prefix);
+            const auto query = text.find("/?token=");
+            if (at == std::string::npos || query == std::string::npos)
+                continue;
+            port = static_cast<std::uint16_t>(std::stoi(text.substr(at + prefix.size())));
+            token = text.substr(query + 8);
+            token.erase(token.find_last_not_of("\r\n") + 1);
+            break;
         }
     }
     // Asks the program to stop as a service manager would; returns its exit status.
