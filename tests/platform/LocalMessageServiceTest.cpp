@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -182,4 +184,36 @@ TEST(LocalMessageService, ConcurrentPublishersSubscribersAndReleases) {
     EXPECT_FALSE(lateDelivery.load());
     EXPECT_EQ(stableCount.load(), kPublishers * kMessagesEach + kChurnRounds);
     EXPECT_TRUE(clientInbox.seen().empty());
+}
+
+TEST(LocalMessageService, ReleaseWaitsForACallInProgressOnAnotherThread) {
+    LocalMessageService service;
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool entered = false, releasing = false;
+    std::atomic<bool> callDone{false};
+    auto owned = std::make_unique<std::string>("state the callback reads");
+
+    auto subscription = service.subscribeClient("/slow", [&](const JsonMessage&) {
+        std::unique_lock lock(mutex);
+        entered = true;
+        changed.notify_all();
+        changed.wait(lock, [&] { return releasing; });
+        lock.unlock();
+        // Gives a release that does not wait the time to return and free what is read here.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(owned->empty());
+        callDone = true;
+    });
+    std::thread publisher([&] { service.publish("/slow", message("m")); });
+    {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return entered; });
+        releasing = true;
+        changed.notify_all();
+    }
+    subscription.reset();
+    EXPECT_TRUE(callDone.load());
+    owned.reset();
+    publisher.join();
 }

@@ -7,7 +7,10 @@
 namespace connector::message_service {
 
 // A handle on one subscription; held by shared pointer, and releasing the last reference ends
-// the subscription. Not copyable; destroying it is as thread-safe as its release action.
+// the subscription. With both services, the release waits for calls of the callback in progress
+// on other threads, so what the callback touches may be destroyed right after; never release it
+// while holding a lock the callback takes. Not copyable; destroying it is as thread-safe as its
+// release action.
 class WSB_EXPORT Subscription {
 public:
     explicit Subscription(std::function<void()> onRelease = {});

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "platform/message_service/SubscriberRegistry.hpp"
 #include "platform/message_service/websocket/DeliveryQueue.hpp"
-#include "platform/message_service/websocket/SubscriberRegistry.hpp"
+#include "platform/message_service/websocket/ServiceLog.hpp"
 
 #include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>
 
@@ -84,7 +85,8 @@ private:
     boost::asio::steady_timer mShutdownDeadline;
     std::thread mIoThread;
 
-    std::shared_ptr<SubscriberRegistry> mRegistry = std::make_shared<SubscriberRegistry>();
+    std::shared_ptr<SubscriberRegistry> mRegistry =
+        std::make_shared<SubscriberRegistry>(serviceLogger(), "subscriber");
     DeliveryQueue mDelivery;
 
     std::mutex mMutex; // guards mState and the page handlers
