@@ -124,8 +124,8 @@ void serve(Workspace& workspace, const std::filesystem::path& webClient,
                              [&](const std::string& id) { pages.disconnected(id); });
     service->start(); // loopback, any free port, a fresh token
     whileServing(service->url());
-    // Pages first (no more client messages), then the view models, then the data model;
-    // the interpreter behind the workspace goes last.
+    // Pages first (no more client messages), then the view models. The data model goes on
+    // return; a host that answers fetches later must stop those answers before that.
     service->stop();
     pages.shutdown();
 }
