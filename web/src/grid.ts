@@ -72,6 +72,16 @@ interface SortState {
   ascending: boolean;
 }
 
+const USER_SELECTION_SOURCES = new Set<string>([
+  'rowClicked',
+  'checkboxSelected',
+  'spaceKey',
+  'keyboardSelectAll',
+  'uiSelectAll',
+  'uiSelectAllFiltered',
+  'uiSelectAllCurrentPage',
+]);
+
 const DEFAULT_SORT: SortState = { column: 'Name', ascending: true };
 
 function key(startRow: number, endRow: number): string {
@@ -141,7 +151,9 @@ export class WorkspaceGrid {
       stopEditingWhenCellsLoseFocus: true,
       getRowId: undefined,
       onSelectionChanged: (event) => {
-        if (event.source === 'api' || this.applyingSelection) return;
+        // The grid also drops its selection by itself, e.g. when the rows are re-sorted; only
+        // the user's own changes go to the server, which keeps the selection by name.
+        if (!USER_SELECTION_SOURCES.has(event.source) || this.applyingSelection) return;
         this.reportSelection();
       },
       onColumnResized: (event) => {
