@@ -119,6 +119,7 @@ export class WorkspaceGrid {
   private applyingSelection = false;
   // Selection reports the server has not answered yet; its older selection replies are stale.
   private selectionReportsInFlight = 0;
+  private restoreSelection = false;
   private refreshTimer: number | undefined;
   private viewportTimer: number | undefined;
   private lastViewport = '';
@@ -200,7 +201,9 @@ export class WorkspaceGrid {
     this.requestMetaData();
     // Blocks asked for on the old connection would never be answered; ask again.
     for (const block of this.pending.values()) this.sendGetData(block);
-    if (this.selection.length > 0) this.sendSelection(this.selection);
+    // The new server side learns the selection once it has applied the sort: it maps rows to
+    // names at once, and any data reply shows that the sort is done.
+    this.restoreSelection = this.selection.length > 0;
     if (this.hasFocus) this.out.viewModel({ type: 'propertySet', propertyName: 'HasFocus', HasFocus: true });
     if (this.datasourceSet) this.scheduleRefresh();
     this.scheduleViewport();
@@ -253,7 +256,7 @@ export class WorkspaceGrid {
         return;
       }
       // Computed before the server saw the user's latest selection: that one wins.
-      if (this.selectionReportsInFlight > 0) return;
+      if (this.selectionReportsInFlight > 0 || this.restoreSelection) return;
       this.selection = ranges;
       this.applySelection();
     }
@@ -296,6 +299,10 @@ export class WorkspaceGrid {
   }
 
   private onData(data: DataReply): void {
+    if (this.restoreSelection) {
+      this.restoreSelection = false;
+      this.sendSelection(this.selection);
+    }
     const id = key(data.startRow, data.endRow);
     const block = this.pending.get(id);
     if (block) {
