@@ -177,11 +177,7 @@ export class WorkspaceGrid {
         const size = `${element.clientWidth}x${element.clientHeight}`;
         if (size === lastSize) return;
         lastSize = size;
-        this.out.viewModel({
-          type: 'propertySet',
-          propertyName: 'GridSize',
-          propertyValue: { width: element.clientWidth, height: element.clientHeight },
-        });
+        this.reportGridSize();
         this.scheduleViewport();
       }, 250);
     }).observe(element);
@@ -275,7 +271,11 @@ export class WorkspaceGrid {
       return;
     }
     if (this.api.getDisplayedRowCount() !== rowCount) this.api.setRowCount(rowCount, true);
-    if (changed) this.scheduleRefresh();
+    if (changed) {
+      this.scheduleRefresh();
+      // Rows may have moved; the server then tells which rows its selected names are on now.
+      this.reportGridSize();
+    }
   }
 
   private onColumns(columns: ColumnInfo[]): void {
@@ -470,6 +470,18 @@ export class WorkspaceGrid {
     } finally {
       this.applyingSelection = false;
     }
+  }
+
+  private reportGridSize(): void {
+    this.out.viewModel({
+      type: 'propertySet',
+      propertyName: 'GridSize',
+      propertyValue: {
+        width: this.element.clientWidth,
+        height: this.element.clientHeight,
+        rows: this.count ?? 0,
+      },
+    });
   }
 
   private setFocus(focus: boolean): void {

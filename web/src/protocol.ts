@@ -102,15 +102,13 @@ export function readData(message: Json, columns: readonly string[]): DataReply |
   } catch {
     return null;
   }
-  if (!Array.isArray(page)) return null;
-  const rows = page.map((cells): Row => {
+  if (!Array.isArray(page) || !page.every(Array.isArray)) return null;
+  const rows = page.map((cells: unknown[]): Row => {
     const row: Row = {};
-    if (Array.isArray(cells)) {
-      cells.forEach((text, i) => {
-        const key = columns[startColumn + i];
-        if (key !== undefined) row[key] = readCell(text);
-      });
-    }
+    cells.forEach((text, i) => {
+      const key = columns[startColumn + i];
+      if (key !== undefined) row[key] = readCell(text);
+    });
     return row;
   });
   return {
