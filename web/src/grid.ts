@@ -307,7 +307,7 @@ export class WorkspaceGrid {
     const block = this.pending.get(id);
     if (block) {
       this.pending.delete(id);
-      this.delivered.set(id, performance.now());
+      this.noteDelivered(id);
       const wanted = block.endRow - block.startRow + 1;
       let lastRow: number | undefined;
       if (data.rows.length < wanted) lastRow = block.startRow + data.rows.length;
@@ -332,6 +332,14 @@ export class WorkspaceGrid {
       return;
     }
     this.scheduleRefresh();
+  }
+
+  private noteDelivered(id: string): void {
+    const now = performance.now();
+    if (this.delivered.size > 500) {
+      for (const [old, at] of this.delivered) if (now - at > REDELIVERY_MS) this.delivered.delete(old);
+    }
+    this.delivered.set(id, now);
   }
 
   // ---- requests ----
