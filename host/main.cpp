@@ -12,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
+#include <cstdlib>
 #include <cstdio>
 #include <iostream>
 #include <mutex>
@@ -75,15 +76,20 @@ int run(const wsbrowser::HostOptions& options) {
     using namespace wsbrowser;
     auto sink = foundation::log::addConsoleSink(options.logLevel, options.logFilter);
 
-    auto interpreter = std::make_shared<PythonInterpreter>();
-    auto host = std::make_shared<WorkspaceHost>(interpreter,
-                                                WorkspaceHost::Options{.showAll = options.showAll});
-
+    // The service first: a bad token is refused before the interpreter starts.
     connector::message_service::WebSocketServerOptions serverOptions;
     serverOptions.address = options.address;
     serverOptions.port = options.port;
     serverOptions.staticRoot = options.staticRoot;
+    // A fixed token comes from the environment, never the command line that other users can
+    // read; with it and a fixed port a page reconnects by itself after the host restarts.
+    if (const char* token = std::getenv("WSB_TOKEN"); token != nullptr && *token != '\0')
+        serverOptions.token = token;
     auto service = connector::message_service::WebSocketMessageService::create(serverOptions);
+
+    auto interpreter = std::make_shared<PythonInterpreter>();
+    auto host = std::make_shared<WorkspaceHost>(interpreter,
+                                                WorkspaceHost::Options{.showAll = options.showAll});
 
     const bool terminal = options.console && ::isatty(STDIN_FILENO);
     BrowserApp::Options appOptions;
