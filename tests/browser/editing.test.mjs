@@ -111,7 +111,7 @@ test('a rename the host refuses leaves the name and says why', async () => {
     await eventually(async () => {
       assert.ok((await page.locator('#notice').textContent()).includes(message), message);
     });
-    await errors.nth(before).waitFor();
+    await errors.nth(before).waitFor({ state: 'attached' });
     assert.ok((await errors.nth(before).textContent()).includes(message));
     const current = await names();
     assert.ok(current.includes('flag'), `flag is still shown after trying ${target}`);

@@ -158,7 +158,8 @@ export async function runCode(page, code, { timeout = 10000 } = {}) {
   await page.locator('#command').fill(code);
   await page.locator('#command').press('Enter');
   const reply = replies.nth(before);
-  await reply.waitFor({ timeout });
+  // A reply without output is an empty element: present, but not visible.
+  await reply.waitFor({ state: 'attached', timeout });
   return {
     text: await reply.textContent(),
     error: await reply.evaluate((element) => element.classList.contains('wsb-error')),
