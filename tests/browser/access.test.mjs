@@ -1,0 +1,64 @@
+// Only the page opened with the program's token may see and talk to the workspace.
+
+import assert from 'node:assert/strict';
+import { after, before, test } from 'node:test';
+
+import { closeAll, launchBrowser, openGrid } from './support/browser.mjs';
+import { startWsbrowser } from './support/wsbrowser.mjs';
+
+let server;
+let browser;
+
+// The program's token with its last digit changed.
+function wrongToken() {
+  const last = server.token.at(-1) === '0' ? '1' : '0';
+  return server.token.slice(0, -1) + last;
+}
+
+before(async () => {
+  server = await startWsbrowser();
+  browser = await launchBrowser();
+});
+
+after(async () => {
+  await closeAll(browser);
+  await server?.stop();
+});
+
+test('the page is refused without the right token', async () => {
+  const context = await browser.newContext();
+  try {
+    const page = await context.newPage();
+    // A token that differs only in its last digit must fail as well as none at all.
+    const addresses = [
+      `${server.origin}/`,
+      `${server.origin}/index.html`,
+      `${server.origin}/?token=`,
+      `${server.origin}/?token=${wrongToken()}`,
+    ];
+    for (const address of addresses) {
+      const response = await page.goto(address);
+      assert.equal(response.status(), 403, address);
+      assert.equal(await page.locator('#grid, #command').count(), 0, address);
+    }
+  } finally {
+    await context.close();
+  }
+});
+
+test('the served page cannot open a connection with another token', async () => {
+  const { context, page } = await openGrid(browser, server.url);
+  try {
+    const outcome = await page.evaluate(
+      (token) => new Promise((resolve) => {
+        const socket = new WebSocket(`ws://${location.host}/ws?token=${token}`);
+        socket.onopen = () => resolve('open');
+        socket.onclose = () => resolve('refused');
+      }),
+      wrongToken(),
+    );
+    assert.equal(outcome, 'refused');
+  } finally {
+    await context.close();
+  }
+});

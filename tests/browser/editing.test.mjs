@@ -1,0 +1,142 @@
+// Changing the workspace from the page: code in the command box, renames and value edits in
+// the grid, the host refusing a rename, and variable texts that look like markup.
+
+import assert from 'node:assert/strict';
+import { after, before, test } from 'node:test';
+
+import {
+  cell,
+  closeAll,
+  eventually,
+  gridRows,
+  launchBrowser,
+  openGrid,
+  rowOf,
+  runCode,
+} from './support/browser.mjs';
+import { startWsbrowser } from './support/wsbrowser.mjs';
+
+let server;
+let browser;
+let grid;
+
+before(async () => {
+  server = await startWsbrowser();
+  browser = await launchBrowser();
+  grid = await openGrid(browser, server.url);
+});
+
+after(async () => {
+  await closeAll(grid?.context, browser);
+  await server?.stop();
+});
+
+async function names() {
+  return (await gridRows(grid.page)).map((r) => r.name);
+}
+
+// Opens the editor of a variable's Name or Value cell, types `text` and presses Enter.
+async function editCell(name, colId, text) {
+  const { page } = grid;
+  const row = await rowOf(page, name);
+  await cell(page, row.index, colId).dblclick();
+  const editor = page.locator('#grid .ag-cell-inline-editing input, #grid .ag-popup-editor input');
+  await editor.first().waitFor();
+  await editor.first().fill(text);
+  await editor.first().press('Enter');
+}
+
+async function echo(code) {
+  return (await runCode(grid.page, code)).text.trim();
+}
+
+test('code in the command box changes the grid and shows its output', async () => {
+  const { page } = grid;
+  const count = await page.evaluate(() => window.wsbrowser.rowCount());
+  const reply = await runCode(page, 'added = [1, "two", 3]\nlen(added) * 14');
+  assert.deepEqual([reply.text.trim(), reply.error], ['42', false]);
+
+  const row = await rowOf(page, 'added');
+  assert.deepEqual(
+    [row.cells.Value, row.cells.Size, row.cells.Class],
+    ["[1, 'two', 3]", '1\u00d73', 'cell'],
+  );
+  assert.equal(await page.evaluate(() => window.wsbrowser.rowCount()), count + 1);
+
+  const failure = await runCode(page, '1 / 0');
+  assert.equal(failure.error, true);
+  assert.match(failure.text, /ZeroDivisionError/);
+  assert.equal(await page.locator('#output .wsb-output').count(), 2, 'one element per reply');
+
+  // Shift+Enter continues the code on a new line instead of running it.
+  await page.locator('#command').fill('total = 1');
+  await page.locator('#command').press('Shift+Enter');
+  await page.locator('#command').pressSequentially('total += 1');
+  assert.equal(await page.locator('#command').inputValue(), 'total = 1\ntotal += 1');
+  await page.locator('#command').press('Enter');
+  await eventually(async () => assert.equal((await rowOf(page, 'total')).cells.Value, '2'));
+  assert.deepEqual(grid.problems, []);
+});
+
+test('renames and value edits in the grid reach the host', async () => {
+  await editCell('answer', 'Name', 'the_answer');
+  await eventually(async () => {
+    const current = await names();
+    assert.ok(current.includes('the_answer'), 'the new name is shown');
+    assert.ok(!current.includes('answer'), 'the old name is gone');
+  });
+  assert.equal(await echo('the_answer'), '42');
+  assert.equal(await echo("'answer' in globals()"), 'False');
+
+  await editCell('ratio', 'Value', '2 ** 10');
+  await eventually(async () => {
+    const row = await rowOf(grid.page, 'ratio');
+    assert.deepEqual([row.cells.Value, row.cells.Class], ['1024', 'int64']);
+  });
+  assert.equal(await echo('ratio + 1'), '1025');
+  assert.deepEqual(grid.problems, []);
+});
+
+test('a rename the host refuses leaves the name and says why', async () => {
+  const { page } = grid;
+  const cases = [
+    ['1bad', "Cannot rename 'flag' to '1bad': not a valid variable name."],
+    ['class', "Cannot rename 'flag' to 'class': not a valid variable name."],
+    ['grid', "Cannot rename 'flag' to 'grid': the name is taken."],
+  ];
+  for (const [target, message] of cases) {
+    const errors = page.locator('#output .wsb-output.wsb-error');
+    const before = await errors.count();
+    await editCell('flag', 'Name', target);
+    await eventually(async () => {
+      assert.ok((await page.locator('#notice').textContent()).includes(message), message);
+    });
+    await errors.nth(before).waitFor({ state: 'attached' });
+    assert.ok((await errors.nth(before).textContent()).includes(message));
+    const current = await names();
+    assert.ok(current.includes('flag'), `flag is still shown after trying ${target}`);
+    if (target !== 'grid') assert.ok(!current.includes(target));
+  }
+  assert.equal(await echo('flag'), 'True');
+  assert.equal(await echo('grid.shape'), '(3, 4)');
+  assert.deepEqual(grid.problems, []);
+});
+
+test('variable texts that look like markup are shown as text', async () => {
+  const { page } = grid;
+  const markup = '<img src=x onerror=window.__pwned=1><b>bold</b>';
+  await runCode(page, `s = ${JSON.stringify(markup)}`);
+  const row = await rowOf(page, 's');
+  assert.equal(row.cells.Value, `'${markup}'`);
+  assert.equal(await echo('s'), `'${markup}'`);
+
+  // The host repeats a refused name in its message: that text stays text as well.
+  await editCell('s', 'Name', '<b>x</b>');
+  await eventually(async () => {
+    assert.ok((await page.locator('#notice').textContent()).includes("to '<b>x</b>'"));
+  });
+
+  assert.equal(await page.locator('#grid img, #grid b, #output img, #output b, #notice b').count(), 0);
+  assert.equal(await page.evaluate(() => window.__pwned), undefined);
+  assert.deepEqual(grid.problems, []);
+});
