@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The project's whole test run: installs what is missing, builds with warnings as errors,
-# runs every test, checks that an outside project links the installed package, then runs the
+# runs every test (the browser tests against the real host in headless Chromium), checks that an outside project links the installed package, then runs the
 # concurrency tests under ThreadSanitizer and everything under AddressSanitizer + UBSan.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,12 +23,19 @@ configure_and_build build/ci -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_BUILD_BENCH
 step "tests"
 ctest --test-dir build/ci --output-on-failure -j "$jobs"
 
+step "browser client build"
+npm run typecheck
+npm run build
+step "browser tests"
+WSBROWSER="$root/build/ci/bin/wsbrowser" npm run test:browser
+
 step "install and consumer check"
 rm -rf build/ci-install build/consumer
 cmake --install build/ci --prefix "$root/build/ci-install" >/dev/null
 cmake -S tests/consumer -B build/consumer -DCMAKE_PREFIX_PATH="$root/build/ci-install" >/dev/null
 cmake --build build/consumer -j "$jobs"
 build/consumer/consumer
+build/consumer/embed
 
 step "ThreadSanitizer build"
 configure_and_build build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_SANITIZER=thread
