@@ -135,10 +135,14 @@ struct Rig {
             [] {});
         raise({EventInfo{EventType::VARIABLE_CHANGED, names}});
         pages = std::make_unique<PageWaiter>(*service, "/Bench/Grid_who");
+        vm = page("/Bench/Grid");
+    }
+    // A view model for one more page, as a host makes when a page connects.
+    std::unique_ptr<WSViewModel> page(const std::string& channel) const {
         const Names keys = {"Name", "Value",  "Size", "Class", "Min", "Max",  "Range",
                             "Mean", "Median", "Mode", "Var",   "Std", "Bytes"};
-        vm = std::make_unique<WSViewModel>(
-            service, "/Bench/Grid", model, u16({"Name", "Value", "Size", "Class"}), u16(keys),
+        return std::make_unique<WSViewModel>(
+            service, channel, model, u16({"Name", "Value", "Size", "Class"}), u16(keys),
             std::vector<double>(keys.size(), 80.0), false, 0.0, nullptr, nullptr, nullptr, nullptr);
     }
     ~Rig() {
@@ -223,5 +227,19 @@ BENCHMARK(BM_ChangedBatchAddsNames)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(8);
+
+// A page connecting to a 1,000,000-variable workspace: its view model takes the names from the
+// data model and sorts them before it can answer the page's first size request.
+void BM_NewPageOnLargeWorkspace(benchmark::State& state) {
+    const Rig rig(makeNames(static_cast<std::size_t>(state.range(0)), 0, 1));
+    for (auto _ : state) {
+        auto vm = rig.page("/Bench/Page");
+        state.PauseTiming();
+        vm->onPreShutdown();
+        vm.reset();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_NewPageOnLargeWorkspace)->Arg(1000000)->Unit(benchmark::kMillisecond)->Iterations(5);
 
 } // namespace

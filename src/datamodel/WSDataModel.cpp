@@ -284,8 +284,13 @@ std::string WSDataModel::getVariableValue(WSVariable variable, std::string field
 }
 
 std::vector<std::string> WSDataModel::getVariableNames() const {
+    std::vector<std::string> names;
     std::lock_guard<std::mutex> lock(mCacheMutex);
-    return {mNameSet.begin(), mNameSet.end()};
+    // One walk over the set: a range constructor would walk it once more just to count.
+    names.reserve(mNameSet.size());
+    for (const std::string& name : mNameSet)
+        names.push_back(name);
+    return names;
 }
 
 std::map<std::string, WSVariable> WSDataModel::getVariableMap() const {

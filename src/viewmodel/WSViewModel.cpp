@@ -287,7 +287,11 @@ WSViewModel::WSViewModel(
         // from the back in constant time per name, which keeps a page's first answer fast on a
         // workspace of a million variables.
         std::vector<std::string> names = mDataModel->getVariableNames();
-        std::sort(names.begin(), names.end(), TextAlphabeticalSortComparator{true});
+        // The data model hands them over in byte order, which is already this order for names
+        // without capitals or non-ASCII bytes: the check costs one pass, the sort many more.
+        const TextAlphabeticalSortComparator ascending{true};
+        if (!std::is_sorted(names.begin(), names.end(), ascending))
+            std::sort(names.begin(), names.end(), ascending);
         std::size_t count = 0;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
