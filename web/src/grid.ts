@@ -1,6 +1,9 @@
 // The variable grid: an infinite-scrolling grid whose blocks, sort order, edits, selection and
 // column widths all live on the server. The grid only shows what the server sends.
 
+import 'ag-grid-community/styles/ag-grid.css';
+import 'ag-grid-community/styles/ag-theme-quartz.css';
+
 import {
   CellStyleModule,
   ColumnApiModule,

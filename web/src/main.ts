@@ -1,12 +1,12 @@
-// Wires the page together: connection, grid, command box and the status line.
+// Wires the page together: connection, grid, command box and the status line. The socket opens
+// before the grid's large chunk is even fetched: the server builds the page's view of the
+// workspace (long on a big one) while the browser loads and parses the grid.
 
-import 'ag-grid-community/styles/ag-grid.css';
-import 'ag-grid-community/styles/ag-theme-quartz.css';
 import './styles.css';
 
-import { Connection, type ConnectionState } from './connection';
+import { type Channels, Connection, type ConnectionState } from './connection';
 import { CommandBox } from './console';
-import { WorkspaceGrid } from './grid';
+import type { WorkspaceGrid } from './grid';
 
 function byId<T extends HTMLElement>(id: string): T {
   const element = document.getElementById(id);
@@ -33,11 +33,10 @@ const token = new URLSearchParams(window.location.search).get('token') ?? '';
 const url = `ws://${window.location.host}/ws?token=${encodeURIComponent(token)}`;
 
 let connection: Connection;
-const grid = new WorkspaceGrid(byId('grid'), {
-  paging: (message) => connection.publish('paging', message),
-  viewModel: (message) => connection.publish('viewModel', message),
-  notice: showNotice,
-});
+let grid: WorkspaceGrid | undefined;
+let open = false;
+// What arrives before the grid exists, handed to it in order once it does.
+const early: Array<[keyof Channels, unknown]> = [];
 const commands = new CommandBox(
   byId<HTMLTextAreaElement>('command'),
   byId<HTMLButtonElement>('run'),
@@ -46,23 +45,43 @@ const commands = new CommandBox(
   showNotice,
 );
 
+function deliver(channel: keyof Channels, message: unknown): void {
+  // A bad message must not take the page down with it.
+  try {
+    if (channel === 'console') commands.onMessage(message);
+    else if (!grid) early.push([channel, message]);
+    else if (channel === 'paging') grid.onPaging(message);
+    else grid.onViewModel(message);
+  } catch (error) {
+    console.warn(`Ignoring a message on the ${channel} channel that could not be handled:`, error);
+  }
+}
+
 connection = new Connection(url, {
-  onOpen: () => grid.connected(),
-  onState: showState,
-  onMessage: (channel, message) => {
-    // A bad message must not take the page down with it.
-    try {
-      if (channel === 'paging') grid.onPaging(message);
-      else if (channel === 'viewModel') grid.onViewModel(message);
-      else commands.onMessage(message);
-    } catch (error) {
-      console.warn(`Ignoring a message on the ${channel} channel that could not be handled:`, error);
-    }
+  onOpen: () => {
+    // A new page id: whatever was held for the old one means nothing now.
+    open = true;
+    early.length = 0;
+    grid?.connected();
   },
+  onState: (state, text) => {
+    if (state !== 'open') open = false;
+    showState(state, text);
+  },
+  onMessage: deliver,
 });
 
 if (!token) showNotice('The page address has no token; the server will refuse the connection.');
 connection.start();
+
+const { WorkspaceGrid: Grid } = await import('./grid');
+grid = new Grid(byId('grid'), {
+  paging: (message) => connection.publish('paging', message),
+  viewModel: (message) => connection.publish('viewModel', message),
+  notice: showNotice,
+});
+if (open) grid.connected();
+for (const [channel, message] of early.splice(0)) deliver(channel, message);
 
 declare global {
   interface Window {
@@ -76,10 +95,11 @@ declare global {
   }
 }
 
+const ready = grid;
 window.wsbrowser = {
-  api: grid.api,
-  rowCount: () => grid.rowCount(),
-  selectedNames: () => grid.selectedNames(),
-  jumpTo: (row) => grid.jumpTo(row),
-  firstRowsMs: () => grid.firstRowsMs(),
+  api: ready.api,
+  rowCount: () => ready.rowCount(),
+  selectedNames: () => ready.selectedNames(),
+  jumpTo: (row) => ready.jumpTo(row),
+  firstRowsMs: () => ready.firstRowsMs(),
 };
