@@ -3,6 +3,7 @@
 
 import { spawn } from 'node:child_process';
 import { existsSync, mkdtempSync, rmSync } from 'node:fs';
+import net from 'node:net';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -19,6 +20,18 @@ process.on('exit', () => {
   for (const child of running) child.kill('SIGKILL');
 });
 
+/** A loopback port that was free a moment ago, for a program that must come back on it. */
+export function freePort() {
+  return new Promise((resolve, reject) => {
+    const server = net.createServer();
+    server.once('error', reject);
+    server.listen(0, '127.0.0.1', () => {
+      const { port } = server.address();
+      server.close(() => resolve(port));
+    });
+  });
+}
+
 export function makeTempDir(prefix) {
   return mkdtempSync(path.join(tmpdir(), prefix));
 }
@@ -31,6 +44,7 @@ export async function startWsbrowser({
   scripts = [exampleScript],
   settingsDir,
   args = [],
+  env = {},
   startTimeoutMs = 30000,
 } = {}) {
   if (!existsSync(wsbrowserPath)) {
@@ -47,7 +61,7 @@ export async function startWsbrowser({
     {
       // A closed standard input keeps the terminal console off, so the page's console is on.
       stdio: ['ignore', 'pipe', 'pipe'],
-      env: { ...process.env, WSB_SETTINGS_DIR: settings },
+      env: { ...process.env, WSB_SETTINGS_DIR: settings, ...env },
     },
   );
   running.add(child);
