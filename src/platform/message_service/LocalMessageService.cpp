@@ -5,7 +5,6 @@
 
 #include "platform/message_service/SubscriberRegistry.hpp"
 
-#include <exception>
 #include <stdexcept>
 #include <utility>
 
@@ -36,15 +35,7 @@ LocalMessageService::~LocalMessageService() = default;
 
 Future<std::shared_ptr<Subscription>> LocalMessageService::subscribe(const std::string& channel,
                                                                      Callback callback) {
-    Promise<std::shared_ptr<Subscription>> promise;
-    auto future = promise.get_future();
-    if (!callback) {
-        promise.set_exception(std::make_exception_ptr(
-            std::invalid_argument("subscribe: empty callback for channel " + channel)));
-        return future;
-    }
-    promise.set_value(mRegistry->server->add(channel, std::move(callback)));
-    return future;
+    return mRegistry->server->subscribe(channel, std::move(callback));
 }
 
 Future<void> LocalMessageService::publish(const std::string& channel, const JsonMessage& message) {

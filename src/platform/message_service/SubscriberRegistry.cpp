@@ -1,8 +1,11 @@
 #include "platform/message_service/SubscriberRegistry.hpp"
 
+#include <workspace_browser/platform/message_service/Promise.hpp>
+
 #include <algorithm>
 #include <condition_variable>
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 namespace connector::message_service {
@@ -43,6 +46,19 @@ std::shared_ptr<Subscription> SubscriberRegistry::add(const std::string& channel
         if (auto registry = weak.lock())
             registry->remove(channel, id);
     });
+}
+
+Future<std::shared_ptr<Subscription>> SubscriberRegistry::subscribe(const std::string& channel,
+                                                                    Callback callback) {
+    Promise<std::shared_ptr<Subscription>> promise;
+    auto future = promise.get_future();
+    if (!callback) {
+        promise.set_exception(std::make_exception_ptr(
+            std::invalid_argument("subscribe: empty callback for channel " + channel)));
+        return future;
+    }
+    promise.set_value(add(channel, std::move(callback)));
+    return future;
 }
 
 void SubscriberRegistry::deliver(const std::string& channel, std::string_view text) const {

@@ -26,6 +26,9 @@ public:
     SubscriberRegistry(const foundation::log::basic_diagnostic_logger& logger, std::string what);
 
     std::shared_ptr<Subscription> add(const std::string& channel, Callback callback);
+    // `add` in the shape of the service interface's subscribe: an empty callback yields a
+    // future holding std::invalid_argument.
+    Future<std::shared_ptr<Subscription>> subscribe(const std::string& channel, Callback callback);
     // Calls every subscriber of `channel` with `text`, in subscription order; a subscriber that
     // throws is logged and the others still get the message.
     void deliver(const std::string& channel, std::string_view text) const;

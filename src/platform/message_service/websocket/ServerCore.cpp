@@ -276,15 +276,7 @@ void ServerCore::broadcast(const std::string& channel,
 
 Future<std::shared_ptr<Subscription>> ServerCore::subscribe(const std::string& channel,
                                                             MessageService::Callback callback) {
-    Promise<std::shared_ptr<Subscription>> promise;
-    auto future = promise.get_future();
-    if (!callback) {
-        promise.set_exception(std::make_exception_ptr(
-            std::invalid_argument("subscribe: empty callback for channel " + channel)));
-        return future;
-    }
-    promise.set_value(mRegistry->add(channel, std::move(callback)));
-    return future;
+    return mRegistry->subscribe(channel, std::move(callback));
 }
 
 Future<void> ServerCore::publish(const std::string& channel, const JsonMessage& message) {
