@@ -44,8 +44,6 @@ const std::string kPagingChannelSuffix = "_who";
 const std::string kQueueName = "wsViewModel";
 const std::string kNameColumn = "Name";
 const std::string kValueColumn = "Value";
-const std::string kSizeColumn = "Size";
-const std::string kClassColumn = "Class";
 const std::string kHeaderMessagePrefix = "ZENTRA:codetools:variableeditor:";
 // Icon class of the rows published before their data has been fetched.
 const std::string kStandByIconClass = "double";
@@ -850,44 +848,37 @@ WSVariable WSViewModel::clientRecord(const WSVariable& variable,
         if (logCells)
             WSB_LOG(logger(), kLogLevel) << "client value: " << client.value;
     }
-    if (visible.count(kSizeColumn) != 0) {
-        client.size = cellText({{CELL_VALUE, variable.size},
-                                {CELL_EDITABLE, false},
-                                {CELL_EDITOR_VALUE, variable.name}});
-        if (logCells)
-            WSB_LOG(logger(), kLogLevel) << "client size: " << client.size;
-    }
-    if (visible.count(kClassColumn) != 0) {
-        client.className = cellText({{CELL_VALUE, variable.className},
-                                     {CELL_EDITABLE, false},
-                                     {CELL_EDITOR_VALUE, variable.name}});
-        if (logCells)
-            WSB_LOG(logger(), kLogLevel) << "client class: " << client.className;
-    }
-
-    struct Statistic {
+    // The read-only cells. Size and Class also carry the variable's name for the client's
+    // editor, the statistics do not.
+    struct ReadOnlyCell {
         const char* key;
         std::string WSVariable::*field;
         const char* label;
+        bool withName;
     };
-    static const Statistic kStatistics[] = {
-        {"Min", &WSVariable::min, "client min: "},
-        {"Max", &WSVariable::max, "client max: "},
-        {"Range", &WSVariable::range, "client range: "},
-        {"Mean", &WSVariable::mean, "client mean: "},
-        {"Median", &WSVariable::median, "client median: "},
-        {"Mode", &WSVariable::mode, "client mode: "},
-        {"Var", &WSVariable::var, "client var: "},
-        {"Std", &WSVariable::std, "client std: "},
-        {"Bytes", &WSVariable::bytes, "client bytes: "},
+    static const ReadOnlyCell kReadOnlyCells[] = {
+        {"Size", &WSVariable::size, "client size: ", true},
+        {"Class", &WSVariable::className, "client class: ", true},
+        {"Min", &WSVariable::min, "client min: ", false},
+        {"Max", &WSVariable::max, "client max: ", false},
+        {"Range", &WSVariable::range, "client range: ", false},
+        {"Mean", &WSVariable::mean, "client mean: ", false},
+        {"Median", &WSVariable::median, "client median: ", false},
+        {"Mode", &WSVariable::mode, "client mode: ", false},
+        {"Var", &WSVariable::var, "client var: ", false},
+        {"Std", &WSVariable::std, "client std: ", false},
+        {"Bytes", &WSVariable::bytes, "client bytes: ", false},
     };
-    for (const Statistic& statistic : kStatistics) {
-        if (visible.count(statistic.key) == 0)
+    for (const ReadOnlyCell& spec : kReadOnlyCells) {
+        if (visible.count(spec.key) == 0)
             continue;
-        std::string& cell = client.*statistic.field;
-        cell = cellText({{CELL_VALUE, variable.*statistic.field}, {CELL_EDITABLE, false}});
+        Object fields{{CELL_VALUE, variable.*spec.field}, {CELL_EDITABLE, false}};
+        if (spec.withName)
+            fields[CELL_EDITOR_VALUE] = variable.name;
+        std::string& cell = client.*spec.field;
+        cell = cellText(std::move(fields));
         if (logCells)
-            WSB_LOG(logger(), kLogLevel) << statistic.label << cell;
+            WSB_LOG(logger(), kLogLevel) << spec.label << cell;
     }
     return client;
 }
