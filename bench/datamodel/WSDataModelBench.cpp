@@ -1,6 +1,8 @@
 #include <workspace_browser/datamodel/WSDataModel.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 
+#include "support/FilledRecords.hpp"
+
 #include <benchmark/benchmark.h>
 
 #include <malloc.h>
@@ -27,36 +29,11 @@ Names makeNames(std::size_t count) {
     return names;
 }
 
-// Answers at once with records whose texts look like a numeric row vector's.
-void answerWithFilledRecords(const Names& names, Names, bool, double,
-                             const WorkspaceDisplayResultCallback& onResult) {
-    std::vector<WSVariable> records;
-    records.reserve(names.size());
-    for (const auto& name : names) {
-        records.push_back(WSVariable{.name = name,
-                                     .size = "1x10",
-                                     .className = "double",
-                                     .value = "[1,2,3,4,5,6,7,8,9,10]",
-                                     .iconClass = "double",
-                                     .min = "1",
-                                     .max = "10",
-                                     .range = "9",
-                                     .mean = "5.5000",
-                                     .median = "5.5000",
-                                     .mode = "1",
-                                     .std = "3.0277",
-                                     .var = "9.1667",
-                                     .bytes = "80"});
-    }
-    onResult(records);
-}
-
 std::unique_ptr<WSDataModel> makeModel() {
     return std::make_unique<WSDataModel>(
         [](const WSListenersSubscriptionCallback&) { return Connection(); },
-        [](const Names& names, Names fields, bool computeStats, double statsLimit,
-           WorkspaceDisplayResultCallback onResult) {
-            answerWithFilledRecords(names, std::move(fields), computeStats, statsLimit, onResult);
+        [](const Names& names, Names, bool, double, WorkspaceDisplayResultCallback onResult) {
+            onResult(wsb_bench::filledRecords(names));
         },
         [] {});
 }

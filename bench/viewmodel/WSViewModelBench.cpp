@@ -7,6 +7,8 @@
 #include <workspace_browser/platform/message_service/LocalMessageService.hpp>
 #include <workspace_browser/viewmodel/WSViewModel.hpp>
 
+#include "support/FilledRecords.hpp"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -34,24 +36,6 @@ Names makeNames(std::size_t count, std::size_t first, std::size_t step) {
         names.emplace_back(buffer);
     }
     return names;
-}
-
-WSVariable filledRecord(const std::string& name) {
-    return WSVariable{.name = name,
-                      .size = "1\xC3\x97"
-                              "10",
-                      .className = "double",
-                      .value = "[1,2,3,4,5,6,7,8,9,10]",
-                      .iconClass = "double",
-                      .min = "1",
-                      .max = "10",
-                      .range = "9",
-                      .mean = "5.5000",
-                      .median = "5.5000",
-                      .mode = "1",
-                      .std = "3.0277",
-                      .var = "9.1667",
-                      .bytes = "80"};
 }
 
 // The client end of the paging channel, reduced to counting pages: it wakes the benchmark when
@@ -126,11 +110,7 @@ struct Rig {
             },
             [](const Names& fetched, Names, bool, double,
                const WorkspaceDisplayResultCallback& onResult) {
-                std::vector<WSVariable> records;
-                records.reserve(fetched.size());
-                for (const auto& name : fetched)
-                    records.push_back(filledRecord(name));
-                onResult(records);
+                onResult(wsb_bench::filledRecords(fetched));
             },
             [] {});
         raise({EventInfo{EventType::VARIABLE_CHANGED, names}});
