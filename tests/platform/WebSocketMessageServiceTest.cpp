@@ -40,8 +40,8 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-// Generous: the tests also run under sanitizers on a busy machine. Only a hang reaches it.
-constexpr auto kTimeout = std::chrono::seconds(30);
+// The page client's bound: only a hang reaches it.
+constexpr auto kTimeout = wsb_test::page_client_detail::kPageTimeout;
 
 // Texts received in order, with a way to wait for them. Thread-safe.
 class Recorder {
