@@ -65,8 +65,8 @@ public:
             mListener = std::move(listener);
             return Connection();
         };
-        auto fetch = [this](const std::vector<std::string>& names, std::vector<std::string>,
-                            bool, double, const WorkspaceDisplayResultCallback& done) {
+        auto fetch = [this](const std::vector<std::string>& names, std::vector<std::string>, bool,
+                            double, const WorkspaceDisplayResultCallback& done) {
             std::vector<WSVariable> records;
             for (const std::string& name : names)
                 if (const auto found = mValues.find(name); found != mValues.end())
@@ -104,13 +104,13 @@ public:
             mSubscriptions.push_back(mService->subscribeClient(
                 channel, [this](const JsonMessage& message) { received(message.text()); }));
         const std::vector<std::u16string> visible{u"Name", u"Value", u"Size", u"Class"};
-        const std::vector<std::u16string> order{u"Name", u"Value", u"Size",   u"Class", u"Min",
-                                                u"Max",  u"Range", u"Mean",   u"Median",
-                                                u"Mode", u"Var",   u"Std",    u"Bytes"};
+        const std::vector<std::u16string> order{u"Name", u"Value", u"Size", u"Class",  u"Min",
+                                                u"Max",  u"Range", u"Mean", u"Median", u"Mode",
+                                                u"Var",  u"Std",   u"Bytes"};
         const auto ignore2 = [](std::string, std::string) {};
         mViewModel = std::make_unique<WSViewModel>(
-            mService, kPage, mModel, visible, order, std::vector<double>(order.size(), 80.0),
-            false, 0, ignore2, ignore2, [](std::vector<std::string>, std::string) {},
+            mService, kPage, mModel, visible, order, std::vector<double>(order.size(), 80.0), false,
+            0, ignore2, ignore2, [](std::vector<std::string>, std::string) {},
             [](unsigned long) {});
 
         std::string names;
@@ -128,9 +128,8 @@ public:
         mService->publishFromClient(kPage, mReset);
         mService->publishFromClient(
             kPaging, R"({"eventType":10,"startRow":0,"endRow":20,"startColumn":0,"endColumn":3})");
-        mService->publishFromClient(
-            kPage, R"({"type":"propertySet","propertyName":"Selection",)"
-                   R"("propertyValue":{"selectedRows":"[]"}})");
+        mService->publishFromClient(kPage, R"({"type":"propertySet","propertyName":"Selection",)"
+                                           R"("propertyValue":{"selectedRows":"[]"}})");
     }
 
     void publish(std::uint8_t channel, std::string_view text) {

@@ -19,9 +19,8 @@ namespace ws = connector::message_service::websocket;
 using Op = ws::PageEnvelope::Op;
 
 [[noreturn]] void fail(const char* what, std::string_view frame, std::string_view detail) {
-    std::fprintf(stderr, "%s\n frame:  %.*s\n detail: %.*s\n", what,
-                 static_cast<int>(frame.size()), frame.data(), static_cast<int>(detail.size()),
-                 detail.data());
+    std::fprintf(stderr, "%s\n frame:  %.*s\n detail: %.*s\n", what, static_cast<int>(frame.size()),
+                 frame.data(), static_cast<int>(detail.size()), detail.data());
     std::abort();
 }
 

@@ -23,6 +23,7 @@ cmake --build build/fuzz -j "$(nproc)" --target "${harnesses[@]}"
 
 export ASAN_OPTIONS="detect_leaks=1:allocator_may_return_null=0"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export LSAN_OPTIONS="suppressions=$PWD/fuzz/lsan.supp:print_suppressions=0"
 failed=()
 for name in "${harnesses[@]}"; do
   corpus=build/fuzz/corpus/$name
