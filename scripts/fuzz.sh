@@ -23,7 +23,6 @@ cmake --build build/fuzz -j "$(nproc)" --target "${harnesses[@]}"
 
 export ASAN_OPTIONS="detect_leaks=1:allocator_may_return_null=0"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-export LSAN_OPTIONS="suppressions=$PWD/fuzz/lsan.supp:print_suppressions=0"
 failed=()
 for name in "${harnesses[@]}"; do
   corpus=build/fuzz/corpus/$name
@@ -31,13 +30,17 @@ for name in "${harnesses[@]}"; do
   log=build/fuzz/logs/$name.log
   rm -rf "$artifacts"
   mkdir -p "$corpus" "$artifacts" "$(dirname "$log")"
-  dict=()
-  [[ -f fuzz/$name.dict ]] && dict=(-dict="fuzz/$name.dict")
+  extra=()
+  [[ -f fuzz/$name.dict ]] && extra+=(-dict="fuzz/$name.dict")
+  # The channel harness keeps one page for the whole run, and the endpoints keep what each
+  # message leaves behind, so every input would look like a leak and be checked for one, which
+  # costs more than the input. Memory that keeps growing still ends the run at the RSS limit.
+  [[ $name == ChannelFuzzer ]] && extra+=(-detect_leaks=0)
   # New inputs go to the first folder (the build tree's), the seeds are only read. A single input
   # running 30 s is a hang; more than 2 GiB of memory is runaway growth.
   set +e
   "build/fuzz/bin/$name" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2048 \
-    -print_final_stats=1 -artifact_prefix="$artifacts/" "${dict[@]}" \
+    -print_final_stats=1 -artifact_prefix="$artifacts/" "${extra[@]}" \
     "$corpus" "fuzz/corpus/$name" >"$log" 2>&1
   rc=$?
   set -e
