@@ -9,6 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-600}
+scripts/install-deps.sh # clang and its sanitizer and fuzzer runtimes among them
 harnesses=(JsonTypedValuesFuzzer EnvelopeFuzzer ChannelFuzzer)
 
 launcher=()
