@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The project's whole test run: installs what is missing, builds with warnings as errors,
 # runs every test (the browser tests against the real host in headless Chromium), checks that an outside project links the installed package, then runs the
-# concurrency tests under ThreadSanitizer and everything under AddressSanitizer + UBSan.
+# concurrency tests under ThreadSanitizer and everything under AddressSanitizer + UBSan, and
+# runs each fuzzing harness for a minute.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -48,5 +49,8 @@ configure_and_build build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_SANITIZER
 step "all tests under AddressSanitizer + UBSan"
 ASAN_OPTIONS="detect_leaks=1" UBSAN_OPTIONS="print_stacktrace=1 halt_on_error=1" \
   ctest --test-dir build/asan --output-on-failure -j "$jobs"
+
+step "fuzzing, 60 s per harness (clang build in build/fuzz)"
+scripts/fuzz.sh 60
 
 step "all passed"
