@@ -226,7 +226,8 @@ void PubSubVMImpl::handlePropertySet(std::map<std::string, Value>& msg) {
         std::size_t failedAt = 0;
         const int code =
             JsonTypedValues::parseArray(text.data(), text.data() + text.size(), elements, failedAt);
-        // The log then shows where the text went wrong, as for any JSON the client sends.
+        // The exception's text gives the code, line and column and marks the failing character,
+        // so the log shows where the client's text went wrong.
         if (code != 0)
             throw foundation::json::ParserException(code, text, failedAt);
         std::vector<RowRange> ranges;
