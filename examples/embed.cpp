@@ -87,6 +87,8 @@ public:
 
     // Page handlers run on the service's delivery thread. Shutting a view model down waits for
     // its queued work, so it is done on a queue of its own and deliveries go on meanwhile.
+    // Never on the view model's own queue: a work queue must not be terminated or released
+    // from its own worker thread, which ends the process.
     void disconnected(const std::string& pageId) {
         std::lock_guard lock(mMutex);
         if (auto page = mPages.extract(pageId))
@@ -97,7 +99,7 @@ public:
     }
 
     void shutdown() {
-        mRetired->terminate(/*waitForPending=*/true);
+        mRetired->terminate(/*waitForPending=*/true); // from this thread, not from mRetired
         std::lock_guard lock(mMutex);
         for (auto& [pageId, viewModel] : mPages)
             viewModel->onPreShutdown();

@@ -52,20 +52,18 @@ inline bool isJsonSpace(char c) {
     return c == ' ' || c == '\n' || c == '\r' || c == '\t';
 }
 
-// Returns the first '"', '\\' or control character in [p, end), or end. Strings without escapes
-// are the common case, so this looks at sixteen bytes per step where SSE2 is available, then at
-// eight: each mask below has its lowest set bit in the first byte that matches (borrows only
-// ever run towards higher bytes).
+// Returns the first '"' or '\\' in [p, end), or end. Strings without escapes are the common
+// case, so this looks at sixteen bytes per step where SSE2 is available, then at eight: each
+// mask below has its lowest set bit in the first byte that matches (borrows only ever run
+// towards higher bytes). Control characters are ordinary content here.
 inline const char* findStringSpecial(const char* p, const char* end) {
 #if defined(__SSE2__)
     const __m128i quote = _mm_set1_epi8('"');
     const __m128i backslash = _mm_set1_epi8('\\');
-    const __m128i lastControl = _mm_set1_epi8(0x1F);
     while (end - p >= 16) {
         const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i control = _mm_cmpeq_epi8(_mm_max_epu8(chunk, lastControl), lastControl);
-        const __m128i hits = _mm_or_si128(
-            _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash)), control);
+        const __m128i hits =
+            _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash));
         if (const int mask = _mm_movemask_epi8(hits))
             return p + std::countr_zero(static_cast<unsigned>(mask));
         p += 16;
@@ -79,17 +77,15 @@ inline const char* findStringSpecial(const char* p, const char* end) {
             std::memcpy(&word, p, sizeof word);
             const std::uint64_t quote = word ^ (kOnes * '"');
             const std::uint64_t backslash = word ^ (kOnes * '\\');
-            const std::uint64_t hits = ((quote - kOnes) & ~quote) |
-                                       ((backslash - kOnes) & ~backslash) |
-                                       ((word - kOnes * 0x20) & ~word);
+            const std::uint64_t hits =
+                ((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash);
             if (const std::uint64_t found = hits & kHighs)
                 return p + (std::countr_zero(found) >> 3);
             p += 8;
         }
     }
     for (; p < end; ++p) {
-        const auto c = static_cast<unsigned char>(*p);
-        if (c == '"' || c == '\\' || c < 0x20)
+        if (*p == '"' || *p == '\\')
             return p;
     }
     return end;
@@ -500,8 +496,7 @@ private:
                 text = out;
                 return true;
             }
-            if (c != '\\')
-                return fail(pr::kControlCharacterInString, mP);
+            // The scan stops only at quotes and backslashes.
             if (!parseEscape(out))
                 return false;
             run = mP;
@@ -565,7 +560,11 @@ private:
         return true;
     }
 
-    // mP is at the 'u' of "\u". A lone low surrogate is encoded as it stands.
+    // mP is at the 'u' of "\u". A lone low surrogate is encoded as it stands. A high surrogate
+    // takes the \u escape that must follow it as its partner, whatever its range, and the pair
+    // always becomes one four-byte character: the low ten bits of each unit are combined as for
+    // a true surrogate pair, so \uD83D\u0041 gives U+1F441 (F0 9F 91 81). Every pair thus reads
+    // as some character rather than failing the whole message.
     bool parseUnicodeEscape(std::string& out) {
         std::uint32_t unit;
         if (!readHex4(unit))
@@ -575,14 +574,11 @@ private:
                 return failEnd();
             if (mP[0] != '\\' || mP[1] != 'u')
                 return fail(pr::kMissingLowSurrogate, mP);
-            const char* second = mP;
             ++mP;
-            std::uint32_t low;
-            if (!readHex4(low))
+            std::uint32_t second;
+            if (!readHex4(second))
                 return false;
-            if (low < 0xDC00 || low > 0xDFFF)
-                return fail(pr::kInvalidLowSurrogate, second);
-            unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+            unit = 0x10000 + ((unit & 0x3FF) << 10) + (second & 0x3FF);
         }
         appendUtf8(out, unit);
         return true;
@@ -737,6 +733,14 @@ int JsonTypedValues::parseObject(const char* begin, const char* end, json::Objec
 int JsonTypedValues::parseArray(const char* begin, const char* end, json::Array& out) {
     Parser parser(begin, end);
     return parser.parseTopArray(out);
+}
+
+int JsonTypedValues::parseArray(const char* begin, const char* end, json::Array& out,
+                                std::size_t& failurePosition) {
+    Parser parser(begin, end);
+    const int code = parser.parseTopArray(out);
+    failurePosition = parser.failurePosition();
+    return code;
 }
 
 std::int32_t JsonTypedValues::toInt32(const json::Value& value) {

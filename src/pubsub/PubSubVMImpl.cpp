@@ -1,7 +1,7 @@
 #include <workspace_browser/pubsub/PubSubVMImpl.hpp>
 
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
-#include <workspace_browser/platform/json/ParseResult.hpp>
+#include <workspace_browser/platform/json/ParserException.hpp>
 #include <workspace_browser/platform/json/Serialize.hpp>
 #include <workspace_browser/platform/settings/Settings.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
@@ -223,11 +223,13 @@ void PubSubVMImpl::handlePropertySet(std::map<std::string, Value>& msg) {
         const std::string text =
             JsonTypedValues::toString(value[EVENT_PROPERTY_TYPE_SELECTED_ROWS]);
         Array elements;
+        std::size_t failedAt = 0;
         const int code =
-            JsonTypedValues::parseArray(text.data(), text.data() + text.size(), elements);
+            JsonTypedValues::parseArray(text.data(), text.data() + text.size(), elements, failedAt);
+        // The exception's text gives the code, line and column and marks the failing character,
+        // so the log shows where the client's text went wrong.
         if (code != 0)
-            throw std::runtime_error("selectedRows is not a JSON array: " +
-                                     foundation::json::get_parse_result_description(code));
+            throw foundation::json::ParserException(code, text, failedAt);
         std::vector<RowRange> ranges;
         ranges.reserve(elements.size());
         for (Value& element : elements) {

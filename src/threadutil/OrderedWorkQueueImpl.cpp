@@ -124,8 +124,15 @@ void OrderedWorkQueueImpl::startThread() {
     auto self = mSelf.lock();
     if (!self)
         boost::throw_exception(boost::bad_weak_ptr());
-    // The thread function owns a strong reference, so the queue outlives its worker.
-    mWorker = boost::thread([self = std::move(self)] { self->run(); });
+    // The thread function owns a strong reference, so the queue outlives its worker loop. It
+    // lets go as the loop ends: a queue stopped from another thread has been joined, or is being
+    // joined, by a caller that still holds it; a queue stopped by its own worker can never be
+    // joined, and if this is the last reference its destructor ends the process, as it does for
+    // any queue released with a joinable worker.
+    mWorker = boost::thread([self = std::move(self)]() mutable {
+        self->run();
+        self.reset();
+    });
 }
 
 void OrderedWorkQueueImpl::run() {
@@ -182,13 +189,11 @@ void OrderedWorkQueueImpl::terminate(bool waitForPending) {
     if (!waitForPending)
         mStopWorker = true;
 
-    if (boost::this_thread::get_id() == mWorker.get_id()) {
-        // A work item stopped its own queue; a thread cannot join itself. Detaching lets the
-        // worker drop its reference to the queue when its loop ends, so the queue is freed
-        // once its owner lets go rather than being kept alive by its own finished thread.
-        mWorker.detach();
+    // A work item stopped its own queue: a thread cannot join itself, so the worker stays
+    // joinable. It is not detached either: releasing such a queue is a programming error, and
+    // the destructor makes it a loud one instead of letting it pass.
+    if (boost::this_thread::get_id() == mWorker.get_id())
         return;
-    }
     if (mWorker.joinable())
         mWorker.join();
 }

@@ -83,6 +83,14 @@ TEST(JsonTypedValuesTest, MembersParseToTheirValuesAndTypedIntegersStayExact) {
         {R"({"p":"\ud83d\ude00"})", "p", V("\xF0\x9F\x98\x80")},
         {R"({"low":"\uDC00"})", "low", V("\xED\xB0\x80")}, // a lone low surrogate is kept
         {R"({"k\u0065y":"a\u0000b"})", "key", V(std::string("a\0b", 3))},
+        // Raw control characters are taken as they stand, in keys too.
+        {std::string("{\"c\x01\":\"tab\there\nnul\0\x1f\"}", 23), "c\x01",
+         V(std::string("tab\there\nnul\0\x1f", 14))},
+        // After a high surrogate the next \u escape is always its partner: the low ten bits of
+        // each make one four-byte character, whatever range the second escape is in.
+        {R"({"p":"\ud83d\u0041"})", "p", V("\xF0\x9F\x91\x81")},   // U+1F441
+        {R"({"p":"\uD800\uDBFF"})", "p", V("\xF0\x90\x8F\xBF")},   // U+103FF
+        {R"({"p":"\uDBFF\uFFFFx"})", "p", V("\xF4\x8F\xBF\xBFx")}, // U+10FFFF
     };
     for (const auto& c : cases) {
         Parsed p = parse(c.text);
@@ -127,10 +135,11 @@ TEST(JsonTypedValuesTest, FailuresGiveTheirCodeAndPositionAndKeepEarlierMembers)
         {R"({"a":01})", pr::kObjectCommaOrBraceExpected, 6},
         {R"({"a":"\x"})", pr::kInvalidEscape, 7},
         {R"({"a":"\ud83d"})", pr::kMissingLowSurrogate, 12},
-        {R"({"a":"\ud83d\u0041"})", pr::kInvalidLowSurrogate, 12},
+        {R"({"a":"\ud83d\n"})", pr::kMissingLowSurrogate, 12},
+        {R"({"a":"\ud83d\u00"})", pr::kInvalidUnicodeEscape, 16},
         {R"({"a":"\u12G4"})", pr::kInvalidUnicodeEscape, 10},
         {R"({"a":"\ud83d\)", pr::kUnexpectedEnd, 13},
-        {"{\"a\":\"tab\there\"}", pr::kControlCharacterInString, 9},
+        {"{\"a\":\"no end\x01", pr::kUnexpectedEnd, 13},
     };
     for (const auto& c : cases) {
         const Parsed p = parse(c.text);
@@ -144,17 +153,16 @@ TEST(JsonTypedValuesTest, FailuresGiveTheirCodeAndPositionAndKeepEarlierMembers)
     EXPECT_EQ(p.object, (json::Object{{"eventType", V(11.0)}, {"endRow", V(A{V(1.0), V(2.0)})}}));
 }
 
-TEST(JsonTypedValuesTest, StringScanFindsQuotesEscapesAndControlsAtEveryOffset) {
-    // Strings are scanned many bytes at a time.
+TEST(JsonTypedValuesTest, StringScanFindsQuotesAndEscapesAtEveryOffset) {
+    // Strings are scanned many bytes at a time; control characters must not stop the scan.
     for (std::size_t length = 0; length < 40; ++length) {
         const std::string s(length, 'x');
-        Parsed p = parse("{\"s\":\"" + s + "\",\"t\":\"\xC3\xA9" + s + "\\n" + s + "\"}");
+        Parsed p = parse("{\"s\":\"" + s + "\",\"t\":\"\xC3\xA9" + s + "\\n" + s + "\",\"c\":\"" +
+                         s + "\x1f" + s + "\x01\"}");
         ASSERT_EQ(p.code, 0) << length;
         EXPECT_EQ(p.object["s"], V(s));
         EXPECT_EQ(p.object["t"], V("\xC3\xA9" + s + "\n" + s));
-        p = parse("{\"s\":\"" + s + "\x1f\"}");
-        EXPECT_EQ(p.code, pr::kControlCharacterInString) << length;
-        EXPECT_EQ(p.position, 6 + length);
+        EXPECT_EQ(p.object["c"], V(s + "\x1f" + s + "\x01"));
     }
 }
 
@@ -191,6 +199,12 @@ TEST(JsonTypedValuesTest, ParseArrayReadsTheSelectionText) {
     EXPECT_EQ(parseArray("", other), pr::kUnexpectedEnd);
     EXPECT_EQ(parseArray(R"({"start":1})", other), pr::kInvalidValue);
     EXPECT_EQ(parseArray("[1] 2", other), pr::kTrailingCharacters);
+    const std::string_view unclosed = "[1 2]";
+    std::size_t at = 0;
+    EXPECT_EQ(
+        JsonTypedValues::parseArray(unclosed.data(), unclosed.data() + unclosed.size(), other, at),
+        pr::kArrayCommaOrBracketExpected);
+    EXPECT_EQ(at, 3u);
 }
 
 TEST(JsonTypedValuesTest, MalformedInputNeverCrashes) {

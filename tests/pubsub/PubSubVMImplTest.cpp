@@ -158,10 +158,29 @@ TEST_F(PubSubVMImplTest, SelectionIsParsedFromTheTextInsideTheMessage) {
                              "Added Row Range (2, 4)", "Added Row Range (7, 9)"})
         EXPECT_TRUE(log.contains(text)) << text;
 
-    // A real array (as the server sends it), broken text or a non-object range is refused.
-    for (const char* rows : {R"([{"start":1,"end":2}])", R"("[{\"start\":1")", R"("[5]")"}) {
+    // A real array (as the server sends it) or a non-object range is refused.
+    deliver(selection(R"([{"start":1,"end":2}])"));
+    EXPECT_EQ(log.last(), kCaught + "std::vector<foundation::json::Value> to std::string");
+    deliver(selection(R"("[5]")"));
+    EXPECT_EQ(log.last(), kCaught + "double to std::map<std::string, foundation::json::Value>");
+    // Text that does not parse as an array is logged as a parser error: code, description,
+    // line and column, then the line itself and a caret under the failing character.
+    const std::pair<std::string, std::string> broken[] = {
+        {R"("{\"start\":1}")",
+         "JSON ParserException (E1): Invalid value: expected an object, array, string, number, "
+         "true, false or null (Line 1, Column 1)\n{\"start\":1}\n^"},
+        {R"("[\n{\"start\":1,\"end\" 2}]")",
+         "JSON ParserException (E18): ':' expected after an object key (Line 2, Column 18)\n"
+         "{\"start\":1,\"end\" 2}]\n" +
+             std::string(17, ' ') + "^"},
+    };
+    for (const auto& [rows, error] : broken) {
         deliver(selection(rows));
-        EXPECT_EQ(log.last().rfind("Caught a runtime error: ", 0), 0u) << log.last();
+        const Texts lines = log.texts(); // one record of three lines
+        ASSERT_GE(lines.size(), 3u);
+        EXPECT_EQ(lines[lines.size() - 3] + "\n" + lines[lines.size() - 2] + "\n" + lines.back(),
+                  "Caught a runtime error: " + error)
+            << rows;
     }
     EXPECT_EQ(observer.calls.size(), 2u);
 }

@@ -17,10 +17,14 @@ namespace workspace_browser_startup {
 // unsigned long values) rather than doubles; "vxtype" may come before or after "vxdata".
 //
 // Choices where plain JSON leaves room:
-// - Raw control characters (below 0x20) inside a string are rejected; JSON forbids them and
-//   our own serialiser always escapes them.
-// - A lone low surrogate escape (\uDC00 to \uDFFF) is encoded as it stands (three bytes); a high
-//   surrogate must be followed at once by an escaped low surrogate.
+// - Raw control characters (below 0x20) inside a string are kept as they stand. Plain JSON
+//   forbids them, but failing a whole client message over one would gain nothing.
+// - A lone low surrogate escape (\uDC00 to \uDFFF) is encoded as it stands (three bytes). A high
+//   surrogate (\uD800 to \uDBFF) must be followed at once by a second \u escape, and the two
+//   always make one four-byte character, U+10000 plus the low ten bits of the first unit times
+//   0x400 plus the low ten bits of the second: a true pair gives its character, and any other
+//   second escape gives a character all the same (\uD83D\u0041 gives U+1F441, the bytes
+//   F0 9F 91 81).
 // - Bytes outside ASCII pass through unchecked.
 // - Only white space may follow the top-level object or array.
 // - A duplicate key keeps its last value.
@@ -58,6 +62,8 @@ public:
     // for building a foundation::json::ParserException.
     static int parseObject(const char* begin, const char* end, foundation::json::Object& out,
                            std::size_t& failurePosition);
+    static int parseArray(const char* begin, const char* end, foundation::json::Array& out,
+                          std::size_t& failurePosition);
 };
 
 } // namespace workspace_browser_startup
