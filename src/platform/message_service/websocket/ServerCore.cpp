@@ -210,7 +210,7 @@ void ServerCore::onAccepted(boost::system::error_code ec, tcp::socket socket) {
     if (!hasRoomForConnection()) {
         std::string text = "Refused a connection: ";
         text += std::to_string(mConnectionLimit);
-        text += " are open, the most allowed at once";
+        text += " are open already, the most allowed at once";
         warnThrottled(text);
         socket.close(ignored);
     } else {
