@@ -1,5 +1,8 @@
 #include "HostOptions.hpp"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <charconv>
 #include <stdexcept>
 
@@ -20,9 +23,19 @@ long number(const std::string& option, const std::string& text, long low, long h
 } // namespace
 
 std::string HostOptions::usage() {
-    return "usage: wsbrowser [--port N] [--address ADDR] [--static DIR] [--log-level N]\n"
-           "                 [--log-filter PREFIX] [--show-all] [--watch] [--no-console]\n"
-           "                 [--help] [script.py ...]";
+    return "usage: wsbrowser [--port N] [--address ADDR] [--max-connections N] [--static DIR]\n"
+           "                 [--log-level N] [--log-filter PREFIX] [--show-all] [--watch]\n"
+           "                 [--no-console] [--help] [script.py ...]";
+}
+
+bool HostOptions::isLoopback(const std::string& address) {
+    in_addr v4{};
+    if (::inet_pton(AF_INET, address.c_str(), &v4) == 1)
+        return (ntohl(v4.s_addr) >> 24) == 127;
+    in6_addr v6{};
+    if (::inet_pton(AF_INET6, address.c_str(), &v6) == 1)
+        return IN6_IS_ADDR_LOOPBACK(&v6) || (IN6_IS_ADDR_V4MAPPED(&v6) && v6.s6_addr[12] == 127);
+    return false;
 }
 
 HostOptions HostOptions::parse(const std::vector<std::string>& arguments,
@@ -64,6 +77,9 @@ HostOptions HostOptions::parse(const std::vector<std::string>& arguments,
             options.address = takeValue();
             if (options.address.empty())
                 throw std::invalid_argument("--address needs a value");
+        } else if (argument == "--max-connections") {
+            options.maxConnections =
+                static_cast<std::size_t>(number(argument, takeValue(), 1, 65535));
         } else if (argument == "--static") {
             options.staticRoot = takeValue();
         } else if (argument == "--log-level") {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -11,6 +12,7 @@ namespace wsbrowser {
 struct HostOptions {
     std::uint16_t port = 0; // 0: any free port
     std::string address = "127.0.0.1";
+    std::size_t maxConnections = 256; // HTTP requests and pages open at once
     std::filesystem::path staticRoot;
     int logLevel = 2; // warnings and errors
     std::string logFilter;
@@ -25,6 +27,9 @@ struct HostOptions {
     static HostOptions parse(const std::vector<std::string>& arguments,
                              const std::filesystem::path& defaultStatic);
     static std::string usage();
+    // Whether `address` is a loopback address (127.0.0.0/8, ::1, or 127.x mapped into IPv6):
+    // only then is the server out of other machines' reach.
+    static bool isLoopback(const std::string& address);
 };
 
 } // namespace wsbrowser

@@ -12,8 +12,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <mutex>
 #include <thread>
@@ -76,10 +76,22 @@ int run(const wsbrowser::HostOptions& options) {
     using namespace wsbrowser;
     auto sink = foundation::log::addConsoleSink(options.logLevel, options.logFilter);
 
+    if (!HostOptions::isLoopback(options.address)) {
+        // Whoever reaches the port and learns the token runs code in this interpreter, and the
+        // token crosses the network in clear text.
+        std::fprintf(stderr,
+                     "wsbrowser: WARNING: --address %s is not a loopback address. Other machines "
+                     "may reach this server;\n"
+                     "wsbrowser: WARNING: anyone who sees the token can run code as you. Use "
+                     "127.0.0.1 unless you must.\n",
+                     options.address.c_str());
+    }
+
     // The service first: a bad token is refused before the interpreter starts.
     connector::message_service::WebSocketServerOptions serverOptions;
     serverOptions.address = options.address;
     serverOptions.port = options.port;
+    serverOptions.maxConnections = options.maxConnections;
     serverOptions.staticRoot = options.staticRoot;
     // A fixed token comes from the environment, never the command line that other users can
     // read; with it and a fixed port a page reconnects by itself after the host restarts.

@@ -37,6 +37,9 @@ cmake -S tests/consumer -B build/consumer -DCMAKE_PREFIX_PATH="$root/build/ci-in
 cmake --build build/consumer -j "$jobs"
 build/consumer/consumer
 build/consumer/embed
+# The installed program must find the installed library by itself, from a prefix it was not
+# configured for.
+env -u LD_LIBRARY_PATH build/ci-install/bin/wsbrowser --help >/dev/null
 
 step "ThreadSanitizer build"
 configure_and_build build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_SANITIZER=thread

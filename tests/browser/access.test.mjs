@@ -3,8 +3,8 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
-import { closeAll, launchBrowser, openGrid } from './support/browser.mjs';
-import { startWsbrowser } from './support/wsbrowser.mjs';
+import { closeAll, launchBrowser, openGrid, rowOf } from './support/browser.mjs';
+import { freePort, startWsbrowser } from './support/wsbrowser.mjs';
 
 let server;
 let browser;
@@ -60,5 +60,30 @@ test('the served page cannot open a connection with another token', async () => 
     assert.equal(outcome, 'refused');
   } finally {
     await context.close();
+  }
+});
+
+test('the token leaves the address bar once the page has it, and reconnecting still works', async () => {
+  // A fixed token and port, so that the restarted program takes the same page back.
+  const token = 'address-bar-test-token-0123456789abcdef';
+  const port = String(await freePort());
+  const start = () => startWsbrowser({ args: ['--port', port], env: { WSB_TOKEN: token } });
+  const first = await start();
+  let second;
+  const { context, page, problems } = await openGrid(browser, first.url);
+  try {
+    const shown = await page.evaluate(() => location.href);
+    assert.equal(shown, `${first.origin}/`);
+
+    assert.equal((await first.stop()).code, 0);
+    await page.locator('#connection:not([data-state="open"])').waitFor({ timeout: 10000 });
+    second = await start();
+    await page.locator('#connection[data-state="open"]').waitFor({ timeout: 20000 });
+    await rowOf(page, 'answer', { timeout: 15000 });
+    assert.equal(await page.evaluate(() => location.href), shown);
+    assert.deepEqual(problems, []);
+  } finally {
+    await context.close();
+    await second?.stop();
   }
 });

@@ -150,12 +150,15 @@ TEST(BrowserApp, DescribesWatchedChangesAndParsesTheCommandLine) {
     EXPECT_EQ(BrowserApp::describeChange({"WORKSPACE_CLEARED"}), "cleared");
 
     using wsbrowser::HostOptions;
-    const HostOptions options = HostOptions::parse(
-        {"--port", "8080", "--address=0.0.0.0", "--log-level", "4", "--log-filter",
-         "zentra::", "--show-all", "--watch", "--no-console", "a.py", "--", "--b.py"},
-        "/web");
+    const HostOptions options =
+        HostOptions::parse({"--port", "8080", "--address=0.0.0.0", "--max-connections", "8",
+                            "--log-level", "4", "--log-filter", "zentra::", "--show-all", "--watch",
+                            "--no-console", "a.py", "--", "--b.py"},
+                           "/web");
     EXPECT_EQ(options.port, 8080);
     EXPECT_EQ(options.address, "0.0.0.0");
+    EXPECT_EQ(options.maxConnections, 8u);
+    EXPECT_EQ(HostOptions::parse({}, "").maxConnections, 256u);
     EXPECT_EQ(options.staticRoot, "/web");
     EXPECT_EQ(options.logLevel, 4);
     EXPECT_EQ(options.logFilter, "zentra::");
@@ -170,6 +173,14 @@ TEST(BrowserApp, DescribesWatchedChangesAndParsesTheCommandLine) {
                                                {"--log-level", "10"},
                                                {"--watch=yes"},
                                                {"--address="},
+                                               {"--max-connections", "0"},
                                                {"--frobnicate"}})
         EXPECT_THROW(HostOptions::parse(bad, ""), std::invalid_argument) << bad.front();
+
+    // Only these keep the server out of other machines' reach; the rest get a warning.
+    for (const char* loopback : {"127.0.0.1", "127.1.2.3", "::1", "::ffff:127.0.0.1"})
+        EXPECT_TRUE(HostOptions::isLoopback(loopback)) << loopback;
+    for (const char* open :
+         {"0.0.0.0", "::", "192.168.1.2", "::ffff:10.0.0.1", "128.0.0.1", "localhost", "127.1", ""})
+        EXPECT_FALSE(HostOptions::isLoopback(open)) << open;
 }

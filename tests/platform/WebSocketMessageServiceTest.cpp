@@ -5,6 +5,7 @@
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -13,11 +14,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/LogCapture.hpp"
 #include "support/PageClient.hpp"
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -26,8 +30,13 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
+#include <string_view>
+#include <thread>
 #include <vector>
+
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
 
 using namespace connector::message_service;
 using wsb_test::PageClient;
@@ -37,8 +46,11 @@ namespace http = beast::http;
 namespace websocket = beast::websocket;
 namespace json = boost::json;
 using tcp = asio::ip::tcp;
+using namespace std::chrono_literals;
 
 namespace {
+
+const std::string kServiceLogger = "zentra::connector::WebSocketMessageService";
 
 // The page client's bound: only a hang reaches it.
 constexpr auto kTimeout = wsb_test::page_client_detail::kPageTimeout;
@@ -104,6 +116,138 @@ std::string request(const std::string& method, const std::string& target,
     if (host)
         text += "Host: " + *host + "\r\n";
     return text + "Connection: close\r\n\r\n";
+}
+
+// A client that writes bytes exactly as given and reads what comes back, for requests and frames
+// that a well-behaved client library would never send. Each wait is bounded. Not thread-safe.
+class RawClient {
+public:
+    explicit RawClient(std::uint16_t port) : mSocket(mIoc) {
+        mSocket.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+    }
+
+    beast::error_code write(std::string_view bytes) {
+        return run(kTimeout, [&](auto handler) {
+            asio::async_write(mSocket, asio::buffer(bytes.data(), bytes.size()), handler);
+        });
+    }
+    // The status of the HTTP response, 0 when the connection ends without one.
+    int readStatus() {
+        http::response_parser<http::empty_body> parser;
+        parser.skip(true); // a refusal's body is of no interest, and 101 has none
+        const auto ec = run(kTimeout, [&](auto handler) {
+            http::async_read_header(mSocket, mBuffer, parser, handler);
+        });
+        return ec ? 0 : parser.get().result_int();
+    }
+    // Completes a WebSocket upgrade and reads the hello; false when the server refused.
+    bool upgrade(std::uint16_t port, const std::string& token) {
+        const std::string host = "127.0.0.1:" + std::to_string(port);
+        if (write(upgradeRequest("/ws?token=" + token,
+                                 {"Host: " + host, "Origin: http://" + host})) ||
+            readStatus() != 101)
+            return false;
+        const auto hello = readFrame();
+        return hello && hello->first == 0x1;
+    }
+    // A masked client frame: `head` is the first byte (FIN, RSV bits and opcode).
+    void sendFrame(std::uint8_t head, std::string_view payload, bool masked = true) {
+        ASSERT_LT(payload.size(), 126u);
+        std::string frame(1, static_cast<char>(head));
+        frame.push_back(static_cast<char>((masked ? 0x80 : 0) | payload.size()));
+        const char mask[4] = {0x11, 0x22, 0x33, 0x44};
+        if (masked)
+            frame.append(mask, 4);
+        for (std::size_t i = 0; i < payload.size(); ++i)
+            frame.push_back(static_cast<char>(payload[i] ^ (masked ? mask[i % 4] : 0)));
+        EXPECT_FALSE(write(frame));
+    }
+    // One frame of the server: opcode and payload; nullopt when the connection ends.
+    std::optional<std::pair<int, std::string>> readFrame() {
+        std::string head;
+        if (!readExactly(head, 2))
+            return std::nullopt;
+        std::size_t length = static_cast<unsigned char>(head[1]) & 0x7f;
+        if (length >= 126) {
+            std::string extended;
+            if (!readExactly(extended, length == 126 ? 2 : 8))
+                return std::nullopt;
+            length = 0;
+            for (char c : extended)
+                length = length << 8 | static_cast<unsigned char>(c);
+        }
+        std::string payload;
+        if (!readExactly(payload, length))
+            return std::nullopt;
+        return std::pair{static_cast<unsigned char>(head[0]) & 0x0f, payload};
+    }
+    // The code of the server's close frame, skipping the frames before it; 0 without one.
+    int readCloseCode() {
+        while (auto frame = readFrame()) {
+            if (frame->first == 0x8 && frame->second.size() >= 2)
+                return static_cast<unsigned char>(frame->second[0]) << 8 |
+                       static_cast<unsigned char>(frame->second[1]);
+        }
+        return 0;
+    }
+    // Waits at most `wait` for the server to end the connection; what it sends meanwhile is
+    // dropped.
+    bool closedWithin(std::chrono::milliseconds wait) {
+        char byte = 0;
+        const auto ec = run(
+            wait, [&](auto handler) { mSocket.async_read_some(asio::buffer(&byte, 1), handler); });
+        return ec && ec != asio::error::operation_aborted && ec != asio::error::timed_out;
+    }
+
+    static std::string upgradeRequest(const std::string& target,
+                                      const std::vector<std::string>& headers) {
+        std::string text = "GET " + target + " HTTP/1.1\r\n";
+        for (const auto& header : headers)
+            text += header + "\r\n";
+        return text + "Upgrade: websocket\r\nConnection: Upgrade\r\n"
+                      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
+                      "Sec-WebSocket-Version: 13\r\n\r\n";
+    }
+
+private:
+    bool readExactly(std::string& out, std::size_t size) {
+        if (mBuffer.size() < size) {
+            std::string missing(size - mBuffer.size(), '\0');
+            const auto ec = run(kTimeout, [&](auto handler) {
+                asio::async_read(mSocket, asio::buffer(missing), handler);
+            });
+            if (ec)
+                return false;
+            mBuffer.commit(
+                asio::buffer_copy(mBuffer.prepare(missing.size()), asio::buffer(missing)));
+        }
+        out = beast::buffers_to_string(beast::buffers_prefix(size, mBuffer.data()));
+        mBuffer.consume(size);
+        return true;
+    }
+    template <class Start> beast::error_code run(std::chrono::milliseconds limit, Start&& start) {
+        std::optional<beast::error_code> result;
+        start([&result](beast::error_code ec, auto&&...) { result = ec; });
+        mIoc.restart();
+        mIoc.run_for(limit);
+        if (result)
+            return *result;
+        mSocket.cancel();
+        mIoc.restart();
+        mIoc.run();
+        return asio::error::timed_out;
+    }
+
+    asio::io_context mIoc;
+    tcp::socket mSocket;
+    beast::flat_buffer mBuffer;
+};
+
+std::size_t countLines(const wsb_test::LogCapture& log, const std::string& part) {
+    const auto texts = log.texts();
+    return std::count_if(texts.begin(), texts.end(), [&](const std::string& text) {
+        return text.find(part) != std::string::npos;
+    });
 }
 
 void writeFile(const std::filesystem::path& path, const std::string& text) {
@@ -334,6 +478,224 @@ TEST_F(WebSocketMessageServiceTest, RefusesUpgradesWithoutTokenRightHostOrOrigin
     sink.reset();
     EXPECT_NE(log.str().find("/ws?token=<redacted>"), std::string::npos) << log.str();
     EXPECT_EQ(log.str().find(token), std::string::npos) << log.str();
+    // Each kind of refusal is written once, not once per attempt: a client retrying in a loop
+    // must not flood the log (the repeats are counted into the next line of that kind).
+    for (const std::string refusal :
+         {"unexpected Host header", "foreign or missing Origin", "without the right token"}) {
+        std::size_t lines = 0;
+        for (auto at = log.str().find(refusal); at != std::string::npos;
+             at = log.str().find(refusal, at + 1))
+            ++lines;
+        EXPECT_GE(lines, 1u) << refusal;
+        EXPECT_LE(lines, 2u) << refusal;
+    }
+}
+
+TEST_F(WebSocketMessageServiceTest, RefusesAbsentOrRepeatedHostAndOriginHeaders) {
+    start();
+    const std::string p = std::to_string(port());
+    const std::string hostLine = "Host: " + host();
+    const std::string originLine = "Origin: " + origin();
+    struct Case {
+        std::vector<std::string> headers;
+        int status;
+    };
+    const Case cases[] = {
+        {{originLine}, 400},
+        {{hostLine, hostLine, originLine}, 400},
+        {{hostLine, "Host: attacker.example:" + p, originLine}, 400},
+        {{"Host: attacker.example:" + p, hostLine, originLine}, 400},
+        {{"Host:", originLine}, 403},
+        {{hostLine, originLine, originLine}, 403},
+        {{hostLine, originLine, "Origin: http://attacker.example"}, 403},
+        {{hostLine, "Origin:"}, 403},
+    };
+    for (const Case& c : cases) {
+        RawClient client(port());
+        ASSERT_FALSE(client.write(RawClient::upgradeRequest(wsTarget(), c.headers)));
+        std::string described;
+        for (const auto& header : c.headers)
+            described += header + "; ";
+        EXPECT_EQ(client.readStatus(), c.status) << described;
+    }
+    // The same request with one of each is accepted: the refusals above are the headers' doing.
+    RawClient accepted(port());
+    EXPECT_TRUE(accepted.upgrade(port(), mService->token()));
+}
+
+TEST_F(WebSocketMessageServiceTest, ClosesAPageThatBreaksTheFrameProtocol) {
+    start();
+    Recorder inbox;
+    auto subscription = listen("/in", inbox);
+    struct Case {
+        const char* what;
+        std::vector<std::pair<std::uint8_t, std::string>> frames;
+        bool masked;
+        int closeCode;
+    };
+    const Case cases[] = {
+        {"text that is not UTF-8", {{0x81, "\"\xc3\x28\""}}, true, 1007},
+        {"UTF-8 broken across fragments", {{0x01, "\"\xe2\x82"}, {0x80, "(\""}}, true, 1007},
+        {"a continuation with nothing to continue", {{0x80, "{}"}}, true, 1002},
+        {"an unmasked frame", {{0x81, "{}"}}, false, 1002},
+        {"a reserved opcode", {{0x83, "{}"}}, true, 1002},
+        {"a reserved bit", {{0xc1, "{}"}}, true, 1002},
+        {"a fragmented ping", {{0x09, "p"}}, true, 1002},
+    };
+    for (const Case& c : cases) {
+        RawClient page(port());
+        ASSERT_TRUE(page.upgrade(port(), mService->token())) << c.what;
+        for (const auto& [head, payload] : c.frames)
+            page.sendFrame(head, payload, c.masked);
+        EXPECT_EQ(page.readCloseCode(), c.closeCode) << c.what;
+    }
+    // The others are untouched by all this.
+    auto page = openPage();
+    page->publish("/in", "1");
+    EXPECT_TRUE(inbox.waitForCount(1));
+}
+
+TEST_F(WebSocketMessageServiceTest, EndsConnectionsThatDoNotCompleteTheirRequestInTime) {
+    WebSocketServerOptions options;
+    options.handshakeTimeout = 1s;
+    start(options);
+    const std::string head = "GET " + wsTarget() + " HTTP/1.1\r\nHost: " + host() + "\r\n";
+    struct Case {
+        const char* what;
+        std::string atOnce;
+        std::string dripped; // one byte at a time, for as long as the connection lasts
+    };
+    const Case cases[] = {
+        {"a client that sends nothing", "", ""},
+        {"a client that sends its headers very slowly", head, std::string(4096, 'x')},
+        {"an upgrade whose last line never ends",
+         RawClient::upgradeRequest(wsTarget(), {"Host: " + host(), "Origin: " + origin()})
+             .substr(0, 150),
+         std::string(4096, 'x')},
+    };
+    // Far beyond the server's own timeout; reached only when the connection is never ended.
+    constexpr int kPolls = 200;
+    for (const Case& c : cases) {
+        RawClient client(port());
+        if (!c.atOnce.empty()) {
+            ASSERT_FALSE(client.write(c.atOnce)) << c.what;
+        }
+        bool closed = false;
+        for (int i = 0; i < kPolls && !closed; ++i) {
+            if (i < static_cast<int>(c.dripped.size()) && client.write(c.dripped.substr(i, 1)))
+                closed = true;
+            else
+                closed = client.closedWithin(100ms);
+        }
+        EXPECT_TRUE(closed) << c.what;
+    }
+    // A page that completes its handshake in time stays.
+    Recorder inbox;
+    auto subscription = listen("/in", inbox);
+    auto page = openPage();
+    page->publish("/in", "1");
+    EXPECT_TRUE(inbox.waitForCount(1));
+}
+
+TEST_F(WebSocketMessageServiceTest, RefusesConnectionsBeyondTheLimitAndSaysSoOnce) {
+    wsb_test::LogCapture log(kServiceLogger, foundation::log::kWarning);
+    WebSocketServerOptions options;
+    options.maxConnections = 2;
+    start(options);
+    std::string firstId;
+    auto first = openPage(&firstId);
+    auto second = openPage();
+
+    constexpr int kAttempts = 20;
+    for (int i = 0; i < kAttempts; ++i) {
+        RawClient extra(port());
+        extra.write(request("GET", "/app.js", host())); // may fail: the server closes at once
+        EXPECT_EQ(extra.readStatus(), 0) << "attempt " << i << " was answered";
+    }
+    // A connection that ends makes room for the next.
+    first->close();
+    ASSERT_TRUE(mPages.waitFor("-" + firstId));
+    EXPECT_EQ(exchange(port(), request("GET", "/app.js", host())).result_int(), 200);
+
+    second->close();
+    mService->stop();
+    const std::size_t lines = countLines(log, "Refused a connection");
+    EXPECT_GE(lines, 1u);
+    EXPECT_LE(lines, 2u) << "one line per attempt";
+}
+
+// Without a free file descriptor accepting fails, and the waiting connection stays queued, so
+// accepting again fails at once. The listener must pause between attempts instead of spinning,
+// say so once rather than per attempt, and take the connection once a descriptor is free again.
+// Runs in a child process: its descriptor limit is lowered, and every descriptor is taken.
+[[noreturn]] void serveWithoutFreeDescriptors() {
+    auto fail = [](const std::string& why) {
+        std::fprintf(stderr, "%s\n", why.c_str());
+        std::_Exit(1);
+    };
+    auto cpuSeconds = [] {
+        timespec now{};
+        ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+        return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    };
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, 256);
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
+        fail("cannot lower the descriptor limit");
+
+    auto log = std::make_unique<wsb_test::LogCapture>(kServiceLogger, foundation::log::kWarning);
+    auto service = WebSocketMessageService::create({});
+    service->start();
+    const std::uint16_t port = service->port();
+
+    // Every descriptor but one taken; the client's socket gets that one, the server none.
+    asio::io_context ioc;
+    tcp::socket client(ioc);
+    std::vector<int> taken;
+    for (int fd = ::dup(STDERR_FILENO); fd >= 0; fd = ::dup(STDERR_FILENO))
+        taken.push_back(fd);
+    ::close(taken.back());
+    taken.pop_back();
+    boost::system::error_code ec;
+    client.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port), ec);
+    if (ec)
+        fail("cannot connect: " + ec.message());
+    asio::write(client, asio::buffer(request("GET", "/", "127.0.0.1:" + std::to_string(port))), ec);
+
+    const double cpuBefore = cpuSeconds();
+    const auto wallBefore = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(1s);
+    const double cpu = cpuSeconds() - cpuBefore;
+    const double wall =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - wallBefore).count();
+    if (cpu > wall / 2)
+        fail("the listener kept retrying: " + std::to_string(cpu) + " s of processor time in " +
+             std::to_string(wall) + " s");
+
+    for (int fd : taken)
+        ::close(fd);
+    // The waiting connection is taken and answered (404: this service serves no files).
+    beast::flat_buffer buffer;
+    http::response<http::string_body> response;
+    std::optional<beast::error_code> read;
+    http::async_read(client, buffer, response, [&](beast::error_code e, std::size_t) { read = e; });
+    ioc.run_for(kTimeout);
+    if (!read || *read)
+        fail("the waiting connection was never answered");
+    if (response.result_int() != 404)
+        fail("unexpected answer " + std::to_string(response.result_int()));
+
+    service->stop();
+    const std::size_t lines = countLines(*log, "Accepting a connection failed");
+    if (lines < 1 || lines > 2)
+        fail(std::to_string(lines) + " lines about failing to accept");
+    std::_Exit(0);
+}
+
+TEST(WebSocketMessageServiceLimits, BacksOffWhileOutOfFileDescriptors) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(serveWithoutFreeDescriptors(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(WebSocketMessageServiceTest, ServesClientFilesWithTypesAndPolicy) {

@@ -21,6 +21,43 @@ export interface ConnectionHandlers {
 }
 
 const FIRST_RETRY_MS = 500;
+const TOKEN_KEY = 'wsbrowser.token';
+
+/**
+ * The access token this tab connects with. It arrives in the address the program printed; it is
+ * taken out of the address bar and the history entry at once, so that it is not on screen,
+ * in a bookmark or in a shared screenshot. The tab keeps it in its session storage, which lives
+ * as long as the tab and is never sent anywhere.
+ */
+export function takeToken(): string {
+  const params = new URLSearchParams(window.location.search);
+  const given = params.get('token');
+  if (given === null) return readStoredToken();
+  try {
+    window.sessionStorage.setItem(TOKEN_KEY, given);
+  } catch {
+    // Storage may be off; this page still has the token in memory.
+  }
+  params.delete('token');
+  const query = params.toString();
+  const { pathname, hash } = window.location;
+  const address = `${pathname}${query ? `?${query}` : ''}${hash}`;
+  window.history.replaceState(window.history.state, '', address);
+  return given;
+}
+
+function readStoredToken(): string {
+  try {
+    return window.sessionStorage.getItem(TOKEN_KEY) ?? '';
+  } catch {
+    return '';
+  }
+}
+
+/** The WebSocket address for a token, on the server that served this page. */
+export function socketUrl(token: string): string {
+  return `ws://${window.location.host}/ws?token=${encodeURIComponent(token)}`;
+}
 const LONGEST_RETRY_MS = 10000;
 
 export function channelsOf(pageId: string): Channels {

@@ -4,7 +4,13 @@
 
 import './styles.css';
 
-import { type Channels, Connection, type ConnectionState } from './connection';
+import {
+  type Channels,
+  Connection,
+  type ConnectionState,
+  socketUrl,
+  takeToken,
+} from './connection';
 import { CommandBox } from './console';
 import type { WorkspaceGrid } from './grid';
 
@@ -29,8 +35,8 @@ function showState(state: ConnectionState, text: string): void {
   connectionLabel.textContent = text;
 }
 
-const token = new URLSearchParams(window.location.search).get('token') ?? '';
-const url = `ws://${window.location.host}/ws?token=${encodeURIComponent(token)}`;
+const token = takeToken();
+const url = socketUrl(token);
 
 let connection: Connection;
 let grid: WorkspaceGrid | undefined;

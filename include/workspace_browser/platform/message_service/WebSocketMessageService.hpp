@@ -24,6 +24,9 @@ struct WebSocketServerOptions {
                                               << 20; // past this a non-reading client is dropped
     std::chrono::seconds handshakeTimeout{10};
     std::chrono::seconds idleTimeout{60}; // pings keep live connections open
+    // Connections open at once (HTTP requests and pages together); one more is closed at once.
+    // Never more than half the process's open-file limit, so the host keeps files of its own.
+    std::size_t maxConnections = 256;
 };
 
 // Carries the channels to browser pages over WebSocket, and serves the web client's files on the

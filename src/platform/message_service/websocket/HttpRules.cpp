@@ -159,10 +159,10 @@ std::string redactTarget(std::string_view target) {
 }
 
 bool isAllowedHost(std::string_view host, unsigned port) {
-    const std::string suffix = ":" + std::to_string(port);
-    if (host.size() <= suffix.size() || host.substr(host.size() - suffix.size()) != suffix)
+    const auto colon = host.rfind(':');
+    if (colon == std::string_view::npos || host.substr(colon + 1) != std::to_string(port))
         return false;
-    const std::string_view name = host.substr(0, host.size() - suffix.size());
+    const std::string_view name = host.substr(0, colon);
     return name == "127.0.0.1" || name == "localhost" || name == "[::1]";
 }
 

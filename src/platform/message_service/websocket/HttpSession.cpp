@@ -91,8 +91,7 @@ void HttpSession::handle(Request&& request) {
     // A page of another site may reach this port through a name that resolves to loopback (DNS
     // rebinding); its requests then carry that name, so only the loopback spellings pass.
     if (!isAllowedHost(host, mCore.port())) {
-        WSB_LOG(serviceLogger(), foundation::log::kWarning)
-            << "Refused a request with an unexpected Host header";
+        mCore.warnThrottled("Refused a request with an unexpected Host header");
         refuse(&request, http::status::forbidden);
         return;
     }
@@ -115,8 +114,7 @@ void HttpSession::upgrade(Request&& request) {
         return;
     }
     if (!tokenMatches(target.query, mCore.token())) {
-        WSB_LOG(serviceLogger(), foundation::log::kWarning)
-            << "Refused a WebSocket upgrade without the right token";
+        mCore.warnThrottled("Refused a WebSocket upgrade without the right token");
         refuse(&request, http::status::forbidden);
         return;
     }
@@ -124,8 +122,7 @@ void HttpSession::upgrade(Request&& request) {
     // here may connect, even with the token.
     if (request.count(http::field::origin) != 1 ||
         request[http::field::origin] != "http://" + host) {
-        WSB_LOG(serviceLogger(), foundation::log::kWarning)
-            << "Refused a WebSocket upgrade from a foreign or missing Origin";
+        mCore.warnThrottled("Refused a WebSocket upgrade from a foreign or missing Origin");
         refuse(&request, http::status::forbidden);
         return;
     }
@@ -154,8 +151,7 @@ void HttpSession::serveFile(const Request& request, std::string_view host) {
     }
     const bool page = isPage(found.file);
     if (page && !tokenMatches(target.query, mCore.token())) {
-        WSB_LOG(serviceLogger(), foundation::log::kWarning)
-            << "Refused a page request without the right token";
+        mCore.warnThrottled("Refused a page request without the right token");
         refuse(&request, http::status::forbidden);
         return;
     }

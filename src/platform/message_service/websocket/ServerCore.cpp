@@ -11,11 +11,14 @@
 
 #include <boost/asio/post.hpp>
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 #include <vector>
+
+#include <sys/resource.h>
 
 namespace connector::message_service::websocket {
 
@@ -26,6 +29,24 @@ namespace {
 
 // How long stop waits for pages to answer the close handshake before it cuts them off.
 constexpr std::chrono::seconds kShutdownGrace{2};
+
+// Pauses between attempts while accepting fails (typically: no file descriptor left). The pending
+// connection stays queued, so an immediate retry would fail again at once, over and over.
+constexpr std::chrono::milliseconds kFirstAcceptRetry{50};
+constexpr std::chrono::milliseconds kLongestAcceptRetry{1000};
+
+// A warning that a client can provoke is written at most once in this period.
+constexpr std::chrono::seconds kWarningInterval{10};
+
+// The connections the listener may hold at once: as many as asked, but never more than half the
+// process's open-file limit, so that the host still has descriptors for its own files.
+std::size_t connectionLimit(std::size_t wanted) {
+    wanted = std::max<std::size_t>(wanted, 1);
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+        return wanted;
+    return std::clamp<std::size_t>(static_cast<std::size_t>(limit.rlim_cur / 2), 1, wanted);
+}
 
 std::string chooseToken(const std::string& given) {
     if (given.empty())
@@ -40,7 +61,9 @@ std::string chooseToken(const std::string& given) {
 
 ServerCore::ServerCore(WebSocketServerOptions options)
     : mOptions(std::move(options)), mToken(chooseToken(mOptions.token)), mAcceptor(mIoc),
-      mShutdownDeadline(mIoc), mDelivery("wsb-ws-deliver"), mPort(mOptions.port) {}
+      mShutdownDeadline(mIoc), mAcceptRetry(mIoc), mDelivery("wsb-ws-deliver"),
+      mPort(mOptions.port),
+      mWarnings(serviceLogger(), foundation::log::kWarning, kWarningInterval) {}
 
 ServerCore::~ServerCore() {
     stop();
@@ -100,6 +123,11 @@ void ServerCore::start() {
                                 "WebSocketMessageService: cannot listen on " + where);
     }
     mPort.store(mAcceptor.local_endpoint().port());
+    mConnectionLimit = connectionLimit(mOptions.maxConnections);
+    if (mConnectionLimit < mOptions.maxConnections)
+        WSB_LOG(serviceLogger(), foundation::log::kInfo)
+            << "At most " << mConnectionLimit
+            << " connections at once: half the limit of open files";
 
     mWork.emplace(asio::make_work_guard(mIoc));
     acceptNext();
@@ -163,28 +191,59 @@ void ServerCore::stop() {
 
 void ServerCore::acceptNext() {
     mAcceptor.async_accept([this](boost::system::error_code ec, tcp::socket socket) {
-        if (ec == asio::error::operation_aborted || mShuttingDown)
-            return;
-        if (ec) {
-            WSB_LOG(serviceLogger(), foundation::log::kWarning)
-                << "Accepting a connection failed: " << ec.message();
-        } else {
-            boost::system::error_code ignored;
-            // Frames are small and interactive; waiting to coalesce them only adds latency.
-            socket.set_option(tcp::no_delay(true), ignored);
-            const std::uint64_t id = nextId();
-            auto session = std::make_shared<HttpSession>(*this, std::move(socket), id);
-            mHttpSessions.emplace(id, session);
-            session->start();
-        }
-        acceptNext();
+        onAccepted(ec, std::move(socket));
     });
+}
+
+void ServerCore::onAccepted(boost::system::error_code ec, tcp::socket socket) {
+    if (ec == asio::error::operation_aborted || mShuttingDown)
+        return;
+    if (ec) {
+        std::string text = "Accepting a connection failed: ";
+        text += ec.message();
+        warnThrottled(text);
+        acceptLater();
+        return;
+    }
+    mAcceptDelay = {};
+    boost::system::error_code ignored;
+    if (!hasRoomForConnection()) {
+        std::string text = "Refused a connection: ";
+        text += std::to_string(mConnectionLimit);
+        text += " are open already, the most allowed at once";
+        warnThrottled(text);
+        socket.close(ignored);
+    } else {
+        // Frames are small and interactive; waiting to coalesce them only adds latency.
+        socket.set_option(tcp::no_delay(true), ignored);
+        const std::uint64_t id = nextId();
+        auto session = std::make_shared<HttpSession>(*this, std::move(socket), id);
+        mHttpSessions.emplace(id, session);
+        session->start();
+    }
+    acceptNext();
+}
+
+void ServerCore::acceptLater() {
+    mAcceptDelay = mAcceptDelay == std::chrono::milliseconds::zero()
+                       ? kFirstAcceptRetry
+                       : std::min(mAcceptDelay * 2, kLongestAcceptRetry);
+    mAcceptRetry.expires_after(mAcceptDelay);
+    mAcceptRetry.async_wait([this](boost::system::error_code ec) {
+        if (!ec && !mShuttingDown)
+            acceptNext();
+    });
+}
+
+bool ServerCore::hasRoomForConnection() const {
+    return mHttpSessions.size() + mConnections.size() < mConnectionLimit;
 }
 
 void ServerCore::beginShutdown() {
     mShuttingDown = true;
     boost::system::error_code ignored;
     mAcceptor.close(ignored);
+    mAcceptRetry.cancel();
     std::vector<std::shared_ptr<HttpSession>> sessions;
     for (const auto& entry : mHttpSessions) {
         if (auto session = entry.second.lock())

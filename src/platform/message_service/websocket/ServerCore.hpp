@@ -2,6 +2,7 @@
 
 #include "platform/message_service/SubscriberRegistry.hpp"
 #include "platform/message_service/websocket/DeliveryQueue.hpp"
+#include "platform/message_service/websocket/LogThrottle.hpp"
 #include "platform/message_service/websocket/ServiceLog.hpp"
 
 #include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>
@@ -12,6 +13,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -66,11 +68,17 @@ public:
     void deliverFromPage(std::string channel, std::string message,
                          const std::shared_ptr<WsConnection>& from);
     std::uint64_t nextId() { return ++mLastId; }
+    // I/O thread: a warning that a client can provoke at will (a refusal, a failing accept);
+    // repeats of the same text are held back for a while and counted.
+    void warnThrottled(const std::string& text) { mWarnings.write(text); }
 
 private:
     enum class State { Created, Running, Stopping, Stopped };
 
     void acceptNext();
+    void onAccepted(boost::system::error_code ec, boost::asio::ip::tcp::socket socket);
+    void acceptLater();
+    bool hasRoomForConnection() const;
     void beginShutdown();
     void endShutdownIfIdle();
     void broadcast(const std::string& channel, const std::shared_ptr<const std::string>& frame);
@@ -83,6 +91,7 @@ private:
     std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> mWork;
     boost::asio::ip::tcp::acceptor mAcceptor;
     boost::asio::steady_timer mShutdownDeadline;
+    boost::asio::steady_timer mAcceptRetry;
     std::thread mIoThread;
 
     std::shared_ptr<SubscriberRegistry> mRegistry =
@@ -101,6 +110,9 @@ private:
     std::uint64_t mLastId = 0;
     std::uint64_t mLastPage = 0;
     bool mShuttingDown = false;
+    std::size_t mConnectionLimit = 0;         // set by start
+    std::chrono::milliseconds mAcceptDelay{}; // 0 until accepting fails
+    LogThrottle mWarnings;
     std::map<std::uint64_t, std::weak_ptr<HttpSession>> mHttpSessions;
     std::map<std::uint64_t, std::shared_ptr<WsConnection>> mConnections;
 };
