@@ -267,7 +267,10 @@ TEST(WSViewModel, ShutdownFinishesQueuedWorkAndIgnoresEverythingAfter) {
     client.sort(0, false);
     EXPECT_EQ(client.count(), before);
 
-    // Late host answers are published while the view model exists and dropped after.
+    // Late host answers are published while the view model exists and dropped after. The
+    // oldest belongs to the order before the queued batch: it is not published in either.
+    rig.host.answerHeld(1);
+    EXPECT_EQ(client.count(), before);
     rig.host.answerHeld(1);
     EXPECT_GT(client.count(), before);
     rig.vm.reset();
@@ -360,6 +363,7 @@ TEST(WSViewModel, TwoViewModelsServeClientsConcurrentlyWithAHostThread) {
         clients[v]->sort(0, true);
         clients[v]->flush();
         rig.host.answerHeld(); // late answers to earlier pages publish no more
+        clients[v]->flush();
         const auto pages = clients[v]->during(
             [&] { clients[v]->range(11, 0, static_cast<int>(expected.size()) - 1); }, kPage);
         ASSERT_FALSE(pages.empty());
