@@ -311,6 +311,7 @@ WSViewModel::WSViewModel(
                 std::sort(mVariableNames.begin(), mVariableNames.end(),
                           TextAlphabeticalSortComparator{false});
             ++mNamesGeneration;
+            ++mOrderGeneration;
             count = mVariableNames.size();
         }
         WSB_LOG(logger(), kLogLevel) << "Initial update of mVariablesNames done. size=" << count;
@@ -558,7 +559,7 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
             // The display order is rebuilt from the set by sortVariables below; an empty set
             // needs no sort.
             if (namesChanged && count == 0) {
-                mVariableNames.clear();
+                setVariableNamesLocked({});
                 ++mNamesGeneration;
             }
             if (!namesChanged)
@@ -668,7 +669,7 @@ void WSViewModel::sortVariables() {
             else
                 names.assign(mVariableNameSet.rbegin(), mVariableNameSet.rend());
         } else {
-            mVariableNames.assign(mVariableNameSet.begin(), mVariableNameSet.end());
+            setVariableNamesLocked({mVariableNameSet.begin(), mVariableNameSet.end()});
             // The records cover every name the data model knows; the grid lists only its own
             // (a refresh may have listed fewer).
             listed = std::make_shared<std::unordered_set<std::string>>(mVariableNameSet.begin(),
@@ -682,16 +683,14 @@ void WSViewModel::sortVariables() {
     if (column == kNameColumn) {
         std::lock_guard<std::mutex> lock(mStateMutex);
         if (generation == mNamesGeneration)
-            mVariableNames = std::move(names);
+            setVariableNamesLocked(std::move(names));
         return;
     }
 
     // The records may come twice, the second time late and from the host's thread; a newer
-    // rebuild of the list in the meantime wins over them. Each answer that is applied changes
-    // the order too, so it takes a new generation and remembers it for the next answer.
+    // rebuild of the list in the meantime wins over them.
     const std::shared_ptr<LifetimeGate> gate = mGate;
-    auto expected = std::make_shared<std::uint64_t>(generation);
-    WSVariablesCallback onRecords = [this, gate, column, ascending, expected,
+    WSVariablesCallback onRecords = [this, gate, column, ascending, generation,
                                      listed](std::vector<WSVariable> records) {
         const LifetimeGate::Pass pass(*gate);
         if (!pass)
@@ -706,14 +705,18 @@ void WSViewModel::sortVariables() {
         for (WSVariable& record : records)
             sorted.push_back(std::move(record.name));
         std::lock_guard<std::mutex> lock(mStateMutex);
-        if (*expected == mNamesGeneration) {
-            if (sorted != mVariableNames)
-                *expected = ++mNamesGeneration;
-            mVariableNames = std::move(sorted);
-        }
+        if (generation == mNamesGeneration)
+            setVariableNamesLocked(std::move(sorted));
     };
     mDataModel->getVariables(mDataModel->getVariableNames(), std::move(fields), statsFlag,
                              statsLimit, std::move(onRecords), false);
+}
+
+void WSViewModel::setVariableNamesLocked(std::vector<std::string> names) {
+    if (names == mVariableNames)
+        return;
+    mVariableNames = std::move(names);
+    ++mOrderGeneration;
 }
 
 void WSViewModel::limitSortLocked(std::size_t count) {
@@ -794,7 +797,7 @@ void WSViewModel::publishData(std::shared_ptr<DSEvent> event, bool forceUpdate) 
         statsLimit = mStatsLimit;
         names.assign(mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->start),
                      mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->end));
-        request->generation = mNamesGeneration;
+        request->generation = mOrderGeneration;
         if (!request->byName)
             request->rowNames = std::move(names);
     }
@@ -880,7 +883,7 @@ void WSViewModel::publishPage(const std::shared_ptr<DSEvent>& event, const PageR
         bool current = false;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            current = request.generation == mNamesGeneration;
+            current = request.generation == mOrderGeneration;
         }
         if (current) {
             WSB_LOG(logger(), kLogLevel)
@@ -1027,13 +1030,11 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         mVariableNameSet.clear();
-        mVariableNames.clear();
-        for (std::string& name : variables) {
+        for (const std::string& name : variables)
             mVariableNameSet.insert(name);
-            mVariableNames.push_back(std::move(name));
-        }
-        std::sort(mVariableNames.begin(), mVariableNames.end(),
+        std::sort(variables.begin(), variables.end(),
                   TextAlphabeticalSortComparator{mSortAscending});
+        setVariableNamesLocked(std::move(variables));
         ++mNamesGeneration;
         limitSortLocked(mVariableNames.size());
         byColumn = mSortColumn != kNameColumn;

@@ -151,6 +151,8 @@ private:
     std::string orderedColumnAtLocked(std::int64_t index) const;
     // Falls back to the name sort when there are too many names for a column sort.
     void limitSortLocked(std::size_t count);
+    // Replaces the display order; a different order takes a new mOrderGeneration.
+    void setVariableNamesLocked(std::vector<std::string> names);
 
     // Queues `work`; throws what the queue throws (after shutdown: std::runtime_error).
     void pushTask(std::function<void()> work);
@@ -197,9 +199,12 @@ private:
     // the name set and list, the selection, the viewport, the sort state, the column and
     // statistics settings and mHandleStartupServices.
     mutable std::mutex mStateMutex;
-    // Bumped on every change of mVariableNames, so that a host answer to an older sort cannot
-    // overwrite a newer order and a page fetched for an older order is not shown in the new one.
+    // Bumped on every rebuild of mVariableNames, so that a host answer to an older sort cannot
+    // overwrite a newer order.
     std::uint64_t mNamesGeneration = 0;
+    // Bumped whenever mVariableNames changes, so that a page fetched for an older order is not
+    // shown in the new one.
+    std::uint64_t mOrderGeneration = 0;
     // Held while a page of rows is checked against mNamesGeneration and published, so that a
     // page for an older order cannot go out after the page of a newer one. Recursive because the
     // message service may deliver on the publishing thread into a handler that publishes.
