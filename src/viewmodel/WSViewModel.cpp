@@ -835,8 +835,9 @@ void WSViewModel::publishPage(const std::shared_ptr<DSEvent>& event, const PageR
     WSB_LOG(logger(), kLogLevel) << "Got variables from WSDataModel. variables.size()="
                                  << records.size();
     if (!request.byName) {
-        // Sorted only to follow the order in which the rows were listed: each row shows the
-        // variable that an edit or a selection of that row acts on.
+        // Laid out in the list's order, with the records looked up by name, rather than by
+        // sorting the records again: they may have changed since the list was sorted, and each
+        // row must show the variable that an edit or a selection of that row acts on.
         std::unordered_map<std::string_view, std::size_t> byName;
         byName.reserve(records.size());
         for (std::size_t i = 0; i < records.size(); ++i)
@@ -1032,11 +1033,11 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
         mVariableNameSet.clear();
         for (const std::string& name : variables)
             mVariableNameSet.insert(name);
+        limitSortLocked(variables.size());
         std::sort(variables.begin(), variables.end(),
                   TextAlphabeticalSortComparator{mSortAscending});
         setVariableNamesLocked(std::move(variables));
         ++mNamesGeneration;
-        limitSortLocked(mVariableNames.size());
         byColumn = mSortColumn != kNameColumn;
         count = static_cast<std::int64_t>(mVariableNames.size());
         columns = static_cast<std::int64_t>(mColumnNames.size());
