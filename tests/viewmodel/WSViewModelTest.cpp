@@ -212,6 +212,34 @@ TEST(WSViewModel, LatePagesOfAnOlderOrderGoOutInTheCurrentOrder) {
     EXPECT_EQ(rig.host.calls(), (Names{"edit e|42"}));
 }
 
+// Values that change under a column sort do not reorder the rows until the next sort; a late
+// answer with the new values shows them on the rows the variables stand on.
+TEST(WSViewModel, LateAnswersUnderAColumnSortKeepTheListedOrder) {
+    ViewModelRig rig;
+    sizedVariables(rig);
+    GridClient& client = rig.start();
+    client.range(10, 0, 3);
+    client.sort(2, true);
+    client.flush();
+
+    rig.host.recordFor = [](const std::string& name) { // now a, d, c, b by size
+        const std::map<std::string, std::string> sizes = {
+            {"a", "1\u00D71"}, {"b", "5\u00D71"}, {"c", "3\u00D71"}, {"d", "2\u00D71"}};
+        return WSVariable{.name = name, .size = sizes.at(name), .value = "v:" + name};
+    };
+    rig.host.holdAnswers = true;
+    rig.host.fire(batch(kChanged, {"a", "b", "c", "d"}));
+    client.flush();
+    const auto pages = client.during([&] { rig.host.answerHeld(); }, kPage);
+    ASSERT_FALSE(pages.empty());
+    EXPECT_EQ(GridClient::column(pages.back()), (Names{"b", "d", "c", "a"}));
+    EXPECT_EQ(GridClient::column(pages.back(), 2),
+              (Names{"5\u00D71", "2\u00D71", "3\u00D71", "1\u00D71"}));
+    edit(client, 1, 2, "42");
+    client.flush();
+    EXPECT_EQ(rig.host.calls(), (Names{"edit b|42"}));
+}
+
 TEST(WSViewModel, RenamesAndValueEditsReachTheHost) {
     ViewModelRig rig;
     rig.host.fire(batch(kChanged, {"a", "b", "c"}));
