@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <exception>
 #include <limits>
+#include <map>
 #include <ostream>
 #include <stdexcept>
 #include <string_view>
@@ -142,6 +143,13 @@ std::shared_ptr<DSEvent> tableEvent(std::size_t rowCount, std::size_t columnCoun
     return event;
 }
 
+// The rows of `event` that a grid of `rowCount` rows has, first and last inclusive; first is
+// above last when there are none.
+std::pair<std::int64_t, std::int64_t> rowsInGrid(const DSEvent& event, std::size_t rowCount) {
+    return {std::max<std::int64_t>(event.startRow, 0),
+            std::min<std::int64_t>(event.endRow, static_cast<std::int64_t>(rowCount) - 1)};
+}
+
 std::string cellText(Object cell) {
     return foundation::json::serialize(Value(std::move(cell)));
 }
@@ -215,6 +223,9 @@ struct WSViewModel::PageRequest {
     bool ascending = true;
     std::vector<std::string> orderedColumns;
     std::unordered_set<std::string> visible;
+    // The order the rows were taken from, and under a column sort the names of the rows.
+    std::uint64_t generation = 0;
+    std::vector<std::string> rowNames;
 };
 
 WSViewModel::WSViewModel(
@@ -300,6 +311,7 @@ WSViewModel::WSViewModel(
                 std::sort(mVariableNames.begin(), mVariableNames.end(),
                           TextAlphabeticalSortComparator{false});
             ++mNamesGeneration;
+            ++mOrderGeneration;
             count = mVariableNames.size();
         }
         WSB_LOG(logger(), kLogLevel) << "Initial update of mVariablesNames done. size=" << count;
@@ -349,6 +361,9 @@ void WSViewModel::onPreShutdown() {
 
 void WSViewModel::shutDown() {
     mPubSubDS.removeDSObserver(this);
+    // The view-model endpoint outlives the name containers and the locks declared after it, so
+    // it must not call in here once this object is on its way out.
+    mPubSubVM.removeVMObserver(this);
     {
         std::unique_lock<std::mutex> lock(*mMutex);
         *mIsShuttingDown = true;
@@ -361,6 +376,11 @@ void WSViewModel::shutDown() {
             mCallbackCondition.wait(lock, [this] { return mCallbackCounter == 0; });
     }
     mTaskQueue->terminate(true);
+}
+
+bool WSViewModel::acceptsClientMessages() const {
+    std::lock_guard<std::mutex> lock(*mMutex);
+    return !*mIsShuttingDown;
 }
 
 void WSViewModel::countJobOut(std::mutex& mutex) {
@@ -539,7 +559,7 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
             // The display order is rebuilt from the set by sortVariables below; an empty set
             // needs no sort.
             if (namesChanged && count == 0) {
-                mVariableNames.clear();
+                setVariableNamesLocked({});
                 ++mNamesGeneration;
             }
             if (!namesChanged)
@@ -582,7 +602,7 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
         publishData(event, false);
 
         if (clearSelection)
-            handleSelectionChanged({});
+            selectionChanged({});
         else if (count == oldCount && selectedRemoved)
             updateSelectedRowsToSelectedVariables();
 
@@ -602,9 +622,14 @@ void WSViewModel::handleSortChanged(int sortColumn, bool sortAscending) {
                                  << " sortAscending: " << (sortAscending ? 1 : 0);
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
+        // The index counts the columns as the grid shows them, the same way pages and edits do.
         // A column the grid does not have throws std::out_of_range back to the channel.
-        mSortColumn = toUtf8(mColumnNames.at(static_cast<std::size_t>(sortColumn)));
+        std::string column = orderedColumnAtLocked(sortColumn);
+        if (column.empty())
+            throw std::out_of_range("handleSortChanged: no such column");
+        mSortColumn = std::move(column);
         mSortAscending = sortAscending;
+        limitSortLocked(mVariableNames.size());
     }
     pushCountedJob([this] {
         sortVariables();
@@ -628,8 +653,10 @@ void WSViewModel::sortVariables() {
     std::vector<std::string> fields;
     bool statsFlag = false;
     double statsLimit = 0;
+    std::shared_ptr<std::unordered_set<std::string>> listed;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
+        limitSortLocked(mVariableNameSet.size());
         generation = ++mNamesGeneration;
         column = mSortColumn;
         ascending = mSortAscending;
@@ -642,7 +669,11 @@ void WSViewModel::sortVariables() {
             else
                 names.assign(mVariableNameSet.rbegin(), mVariableNameSet.rend());
         } else {
-            mVariableNames.assign(mVariableNameSet.begin(), mVariableNameSet.end());
+            setVariableNamesLocked({mVariableNameSet.begin(), mVariableNameSet.end()});
+            // The records cover every name the data model knows; the grid lists only its own
+            // (a refresh may have listed fewer).
+            listed = std::make_shared<std::unordered_set<std::string>>(mVariableNameSet.begin(),
+                                                                       mVariableNameSet.end());
             fields = uStringVectorToStdStringVector(mColumnNames);
             statsFlag = mStatsFlag;
             statsLimit = mStatsLimit;
@@ -652,19 +683,22 @@ void WSViewModel::sortVariables() {
     if (column == kNameColumn) {
         std::lock_guard<std::mutex> lock(mStateMutex);
         if (generation == mNamesGeneration)
-            mVariableNames = std::move(names);
+            setVariableNamesLocked(std::move(names));
         return;
     }
 
     // The records may come twice, the second time late and from the host's thread; a newer
     // rebuild of the list in the meantime wins over them.
     const std::shared_ptr<LifetimeGate> gate = mGate;
-    WSVariablesCallback onRecords = [this, gate, column, ascending,
-                                     generation](std::vector<WSVariable> records) {
+    WSVariablesCallback onRecords = [this, gate, column, ascending, generation,
+                                     listed](std::vector<WSVariable> records) {
         const LifetimeGate::Pass pass(*gate);
         if (!pass)
             return;
         WSB_LOG(logger(), kLogLevel) << "Sort Column: " << column;
+        std::erase_if(records, [&listed](const WSVariable& record) {
+            return !listed->contains(record.name);
+        });
         WSVariableAlphabeticalSortComparator(ascending, column).sort(records);
         std::vector<std::string> sorted;
         sorted.reserve(records.size());
@@ -672,10 +706,32 @@ void WSViewModel::sortVariables() {
             sorted.push_back(std::move(record.name));
         std::lock_guard<std::mutex> lock(mStateMutex);
         if (generation == mNamesGeneration)
-            mVariableNames = std::move(sorted);
+            setVariableNamesLocked(std::move(sorted));
     };
     mDataModel->getVariables(mDataModel->getVariableNames(), std::move(fields), statsFlag,
                              statsLimit, std::move(onRecords), false);
+}
+
+void WSViewModel::setVariableNamesLocked(std::vector<std::string> names) {
+    if (names == mVariableNames)
+        return;
+    mVariableNames = std::move(names);
+    ++mOrderGeneration;
+}
+
+void WSViewModel::limitSortLocked(std::size_t count) {
+    if (count > kMaxSortableVariables && mSortColumn != kNameColumn) {
+        WSB_LOG(logger(), kLogLevel) << "Reset sort to alphabetical by name";
+        mSortColumn = kNameColumn;
+        mSortAscending = true;
+    }
+}
+
+std::string WSViewModel::orderedColumnAtLocked(std::int64_t index) const {
+    const std::vector<std::string> ordered = orderedColumnsLocked();
+    if (index < 0 || index >= static_cast<std::int64_t>(ordered.size()))
+        return {};
+    return ordered[static_cast<std::size_t>(index)];
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -739,10 +795,11 @@ void WSViewModel::publishData(std::shared_ptr<DSEvent> event, bool forceUpdate) 
         fields = uStringVectorToStdStringVector(mColumnNames);
         statsFlag = mStatsFlag;
         statsLimit = mStatsLimit;
-        if (request->byName) {
-            names.assign(mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->start),
-                         mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->end));
-        }
+        names.assign(mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->start),
+                     mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->end));
+        request->generation = mOrderGeneration;
+        if (!request->byName)
+            request->rowNames = std::move(names);
     }
     request->visible.insert(request->orderedColumns.begin(), request->orderedColumns.end());
     WSB_LOG(logger(), kLogLevel) << "Obtained start and end. mVariableNames.size()=" << listSize
@@ -778,12 +835,23 @@ void WSViewModel::publishPage(const std::shared_ptr<DSEvent>& event, const PageR
     WSB_LOG(logger(), kLogLevel) << "Got variables from WSDataModel. variables.size()="
                                  << records.size();
     if (!request.byName) {
-        WSVariableAlphabeticalSortComparator(request.ascending, request.sortColumn).sort(records);
-        // Names the data model could not supply are missing here, so the cut is clamped.
-        const std::size_t end = std::min(request.end, records.size());
-        const std::size_t start = std::min(request.start, end);
-        records.erase(records.begin() + static_cast<std::ptrdiff_t>(end), records.end());
-        records.erase(records.begin(), records.begin() + static_cast<std::ptrdiff_t>(start));
+        // Laid out in the list's order, with the records looked up by name, rather than by
+        // sorting the records again: they may have changed since the list was sorted, and each
+        // row must show the variable that an edit or a selection of that row acts on.
+        std::unordered_map<std::string_view, std::size_t> byName;
+        byName.reserve(records.size());
+        for (std::size_t i = 0; i < records.size(); ++i)
+            byName.try_emplace(records[i].name, i);
+        std::vector<WSVariable> rows;
+        rows.reserve(request.rowNames.size());
+        for (const std::string& name : request.rowNames) {
+            const auto found = byName.find(name);
+            if (found != byName.end())
+                rows.push_back(records[found->second]);
+            else
+                rows.push_back(WSVariable{.name = name}); // gone from the data model meanwhile
+        }
+        records = std::move(rows);
     }
 
     // Each reply is a fresh copy: the first and the second delivery of one request may overlap
@@ -806,12 +874,31 @@ void WSViewModel::publishPage(const std::shared_ptr<DSEvent>& event, const PageR
         }
         page.data.emplace_back(std::move(row));
     }
-    WSB_LOG(logger(), kLogLevel) << "Created DSEvent startRow=" << page.startRow
-                                 << ", endRow=" << page.endRow
-                                 << ", fullStartRow=" << page.fullStartRow
-                                 << ", fullEndRow=" << page.fullEndRow
-                                 << "newData.size()=" << page.data.size();
-    mPubSubDS.dataUpdated(page);
+
+    {
+        // A page taken from an older order would show rows that edits and selections no longer
+        // map to (a host answering late, after a sort or a workspace change): it is asked for
+        // again in the current order instead. Checked and sent under one lock, so that no page
+        // of an older order goes out after the newer order's own page.
+        const std::lock_guard<std::recursive_mutex> publishing(mPublishMutex);
+        bool current = false;
+        {
+            std::lock_guard<std::mutex> lock(mStateMutex);
+            current = request.generation == mOrderGeneration;
+        }
+        if (current) {
+            WSB_LOG(logger(), kLogLevel)
+                << "Created DSEvent startRow=" << page.startRow << ", endRow=" << page.endRow
+                << ", fullStartRow=" << page.fullStartRow << ", fullEndRow=" << page.fullEndRow
+                << "newData.size()=" << page.data.size();
+            mPubSubDS.dataUpdated(page);
+            return;
+        }
+    }
+    WSB_LOG(logger(), kLogLevel) << "Rows reordered while fetching, fetching startRow="
+                                 << event->startRow << ", endRow=" << event->endRow << " again";
+    // The answer has just refreshed the cache, so the new request needs no forced fetch.
+    doBackgroundGetData(*event, false);
 }
 
 WSVariable WSViewModel::getWSVariableForClient(const WSVariable& variable) {
@@ -896,7 +983,10 @@ void WSViewModel::handleClientSetData(const DSEvent& event) {
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         name = mVariableNames.at(rowIndex);
-        columnKey = toUtf8(mColumnKeys.at(columnIndex));
+        // The column counts the columns as the grid shows them, as pages and sorts do.
+        columnKey = orderedColumnAtLocked(static_cast<std::int64_t>(columnIndex));
+        if (columnKey.empty())
+            throw std::out_of_range("handleClientSetData: no such column");
     }
     if (event.data.empty())
         throw std::out_of_range("handleClientSetData: the edit carries no text");
@@ -928,6 +1018,10 @@ void WSViewModel::handleClientSetData(const DSEvent& event) {
 
 void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immediateUpdate) {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
+    const LifetimeGate::Pass pass(*mGate);
+    if (!pass || !acceptsClientMessages())
+        return;
+    bool byColumn = false;
     std::int64_t count = 0;
     std::int64_t columns = 0;
     std::int32_t startRow = 0;
@@ -937,20 +1031,27 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         mVariableNameSet.clear();
-        mVariableNames.clear();
-        for (std::string& name : variables) {
+        for (const std::string& name : variables)
             mVariableNameSet.insert(name);
-            mVariableNames.push_back(std::move(name));
-        }
-        std::sort(mVariableNames.begin(), mVariableNames.end(),
+        limitSortLocked(variables.size());
+        std::sort(variables.begin(), variables.end(),
                   TextAlphabeticalSortComparator{mSortAscending});
+        setVariableNamesLocked(std::move(variables));
         ++mNamesGeneration;
+        byColumn = mSortColumn != kNameColumn;
         count = static_cast<std::int64_t>(mVariableNames.size());
         columns = static_cast<std::int64_t>(mColumnNames.size());
         startRow = mStartRow;
         endRow = mEndRow;
         startColumn = mStartColumn;
         endColumn = mEndColumn;
+    }
+    // Under a column sort the pages come in that column's order, so the rows are put in that
+    // order too: a rename, edit or selection of a row must act on the variable the row shows.
+    if (byColumn) {
+        sortVariables();
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        count = static_cast<std::int64_t>(mVariableNames.size());
     }
     mPubSubDS.sizeUpdated(toInt32(count), toInt32(columns));
     if (immediateUpdate)
@@ -984,6 +1085,9 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
 
 void WSViewModel::publishVariableNames() {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
+    // Read and sent under one lock, as pages are, so that they go out in the order of the
+    // orders they show.
+    const std::lock_guard<std::recursive_mutex> publishing(mPublishMutex);
     std::vector<std::string> names;
     std::vector<std::string> ordered;
     {
@@ -1166,9 +1270,11 @@ void WSViewModel::publishColumnModelProps(std::shared_ptr<DSEvent> event, bool u
 void WSViewModel::publishRowModelProps(std::shared_ptr<DSEvent> event) {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
     std::size_t columnCount = 0;
+    std::size_t rowCount = 0;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         columnCount = mColumnNames.size();
+        rowCount = mVariableNames.size();
     }
     DSModelEvent model;
     model.eventType = kRowMetaData;
@@ -1180,8 +1286,10 @@ void WSViewModel::publishRowModelProps(std::shared_ptr<DSEvent> event) {
     model.fullEndRow = event->endRow;
     model.fullStartColumn = 0;
     model.fullEndColumn = lastIndex(columnCount);
+    // Only rows the grid has get an entry, however far the request reaches.
+    const auto [first, last] = rowsInGrid(*event, rowCount);
     DSModelEvent::List list;
-    for (std::int64_t row = event->startRow; row <= event->endRow; ++row)
+    for (std::int64_t row = first; row <= last; ++row)
         list.push_back(DSModelEventData{static_cast<std::int32_t>(row), 0, Object()});
     model.data = std::move(list);
     WSB_LOG(logger(), kLogLevel) << "publishRowModelProps, startRow = " << event->startRow
@@ -1192,9 +1300,11 @@ void WSViewModel::publishRowModelProps(std::shared_ptr<DSEvent> event) {
 void WSViewModel::publishCellModelProps(std::shared_ptr<DSEvent> event) {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
     std::vector<std::string> columns;
+    std::size_t rowCount = 0;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         columns = orderedColumnsLocked();
+        rowCount = mVariableNames.size();
     }
     DSModelEvent model;
     model.eventType = kCellMetaData;
@@ -1206,8 +1316,10 @@ void WSViewModel::publishCellModelProps(std::shared_ptr<DSEvent> event) {
     model.fullEndRow = event->fullEndRow;
     model.fullStartColumn = event->fullStartColumn;
     model.fullEndColumn = event->fullEndColumn;
+    // Only rows the grid has get cells, however far the request reaches.
+    const auto [first, last] = rowsInGrid(*event, rowCount);
     DSModelEvent::Grid grid;
-    for (std::int64_t row = event->startRow; row <= event->endRow; ++row) {
+    for (std::int64_t row = first; row <= last; ++row) {
         std::vector<DSModelEventData> cells;
         cells.reserve(columns.size());
         for (std::size_t c = 0; c < columns.size(); ++c) {
@@ -1287,6 +1399,13 @@ std::vector<std::int32_t> WSViewModel::rowsOfLocked(const std::vector<std::strin
 
 void WSViewModel::handleSelectionChanged(std::vector<RowRange> rows) {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
+    const LifetimeGate::Pass pass(*mGate);
+    if (!pass || !acceptsClientMessages())
+        return;
+    selectionChanged(rows);
+}
+
+void WSViewModel::selectionChanged(const std::vector<RowRange>& rows) {
     std::vector<std::string> selected;
     std::string text;
     std::size_t count = 0;
@@ -1297,17 +1416,47 @@ void WSViewModel::handleSelectionChanged(std::vector<RowRange> rows) {
         mSelectedVariables.clear();
         count = mVariableNames.size();
         const auto listed = static_cast<std::int64_t>(count);
+        // Rows already taken, as disjoint ranges by first row: overlapping or repeated ranges
+        // select each row once, in the order the ranges first reach it, so that the work and
+        // the replies stay within the grid's size whatever the client sends.
+        std::map<std::int64_t, std::int64_t> taken;
         for (const RowRange& range : rows) {
             if (range.start >= listed || range.start > range.end)
                 continue;
             // Rows before the first one do not exist; a range reaching back there is cut.
-            for (std::int64_t r = std::max<std::int64_t>(range.start, 0);
-                 r <= range.end && r < listed; ++r) {
-                mSelectedVariables.push_back(mVariableNames[static_cast<std::size_t>(r)]);
-                if (!text.empty())
-                    text += ", ";
-                text += std::to_string(r);
+            const std::int64_t first = std::max<std::int64_t>(range.start, 0);
+            const std::int64_t last = std::min<std::int64_t>(range.end, listed - 1);
+            if (first > last)
+                continue;
+            std::int64_t r = first;
+            auto next = taken.upper_bound(r);
+            if (next != taken.begin() && std::prev(next)->second >= r)
+                r = std::prev(next)->second + 1;
+            while (r <= last) {
+                next = taken.lower_bound(r);
+                const std::int64_t pieceEnd =
+                    next == taken.end() ? last : std::min(last, next->first - 1);
+                for (; r <= pieceEnd; ++r) {
+                    mSelectedVariables.push_back(mVariableNames[static_cast<std::size_t>(r)]);
+                    if (!text.empty())
+                        text += ", ";
+                    text += std::to_string(r);
+                }
+                if (next != taken.end() && next->first <= last)
+                    r = next->second + 1;
             }
+            // Take [first, last], merged with the ranges it overlaps or touches.
+            std::int64_t mergedFirst = first;
+            std::int64_t mergedLast = last;
+            auto it = taken.upper_bound(first);
+            if (it != taken.begin() && std::prev(it)->second >= first - 1)
+                --it;
+            while (it != taken.end() && it->first <= last + 1) {
+                mergedFirst = std::min(mergedFirst, it->first);
+                mergedLast = std::max(mergedLast, it->second);
+                it = taken.erase(it);
+            }
+            taken.emplace(mergedFirst, mergedLast);
         }
         selected = mSelectedVariables;
         columnCount = mColumnNames.size();
@@ -1367,6 +1516,9 @@ void WSViewModel::updateSelectedRowsToSelectedVariables() {
 
 void WSViewModel::gridSizeChanged() {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
+    const LifetimeGate::Pass pass(*mGate);
+    if (!pass || !acceptsClientMessages())
+        return;
     updateSelectedRowsToSelectedVariables();
 }
 

@@ -122,6 +122,124 @@ TEST(WSViewModel, SortsByNameAndByColumnsInBothDirections) {
     EXPECT_EQ(GridClient::column(client.page([&] { client.range(11, 1, 2); })), (Names{"d", "c"}));
 }
 
+namespace {
+
+// Four variables whose sizes order them b, d, c, a.
+void sizedVariables(ViewModelRig& rig) {
+    rig.host.recordFor = [](const std::string& name) {
+        const std::map<std::string, std::string> sizes = {
+            {"a", "5\u00D71"}, {"b", "1\u00D71"}, {"c", "3\u00D71"}, {"d", "2\u00D71"}};
+        return WSVariable{.name = name, .size = sizes.at(name), .value = "v:" + name};
+    };
+    rig.host.fire(batch(kChanged, {"a", "b", "c", "d"}));
+}
+
+void edit(GridClient& client, int row, int column, const std::string& text) {
+    client.paging(R"({"eventType":12,"row":)" + std::to_string(row) + R"(,"column":)" +
+                  std::to_string(column) + R"(,"data":")" + text + R"("})");
+}
+
+} // namespace
+
+// Rows, sorts and edits count the columns the same way: the visible ones in display order,
+// even when the host lists the visible columns in another order.
+TEST(WSViewModel, SortsAndEditsCountColumnsAsThePagesShowThem) {
+    ViewModelRig rig;
+    rig.visible = {"Name", "Value", "Size"};
+    rig.order = {"Name", "Size", "Class", "Value"};
+    sizedVariables(rig);
+    GridClient& client = rig.start();
+    client.range(10, 0, 3, 0, 2);
+
+    const Message page = client.page([&] { client.sort(1, true); });
+    EXPECT_EQ(GridClient::column(page, 0), (Names{"b", "d", "c", "a"}));
+    EXPECT_EQ(GridClient::column(page, 1), (Names{"1\u00D71", "2\u00D71", "3\u00D71", "5\u00D71"}));
+    EXPECT_EQ(GridClient::column(page, 2), (Names{"v:b", "v:d", "v:c", "v:a"}));
+    edit(client, 1, 3, "42"); // the Value column
+    edit(client, 1, 2, "9");  // Size is not editable
+    client.flush();
+    EXPECT_EQ(rig.host.calls(), (Names{"edit b|42"}));
+}
+
+// After a refresh under a column sort, the names sent at once, the pages, edits and selections
+// all use the same row order.
+TEST(WSViewModel, RefreshUnderAColumnSortKeepsEachRowOnTheVariableItShows) {
+    ViewModelRig rig;
+    sizedVariables(rig);
+    GridClient& client = rig.start();
+    client.range(10, 0, 3);
+    client.sort(2, true);
+    client.flush();
+
+    const auto pages = client.during(
+        [&] {
+            client.viewModel(R"({"type":"refresh","count":4,"immediateUpdate":true,)"
+                             R"("variables":["a","b","c","d"]})");
+        },
+        kPage);
+    ASSERT_GE(pages.size(), 2U);
+    for (const Message& page : pages)
+        EXPECT_EQ(GridClient::column(page), (Names{"b", "d", "c", "a"}));
+    edit(client, 1, 2, "42");
+    const auto selected = client.during(
+        [&] {
+            client.select({{0, 0}});
+        },
+        GridClient::is("type", "SelectedVariablesChanged"));
+    ASSERT_EQ(selected.size(), 1U);
+    EXPECT_EQ(selected[0].text, R"({"Variables":["b"],"type":"SelectedVariablesChanged"})");
+    EXPECT_EQ(rig.host.calls().front(), "edit b|42");
+}
+
+// A host that answers a page after the rows were reordered does not bring the old order back.
+TEST(WSViewModel, LatePagesOfAnOlderOrderGoOutInTheCurrentOrder) {
+    ViewModelRig rig;
+    rig.host.holdAnswers = true;
+    rig.host.fire(batch(kChanged, {"a", "b", "c", "d", "e"}));
+    GridClient& client = rig.start();
+    client.range(10, 0, 4);
+    client.range(11, 0, 4); // answered from the cache at once, by the host later
+    client.sort(0, false);
+    client.flush();
+
+    const auto pages = client.during([&] { rig.host.answerHeld(1); }, kPage);
+    ASSERT_FALSE(pages.empty());
+    for (const Message& page : pages)
+        EXPECT_EQ(GridClient::column(page), (Names{"e", "d", "c", "b", "a"}));
+    EXPECT_EQ(GridClient::column(pages.back(), 1), (Names{"v:e", "v:d", "v:c", "v:b", "v:a"}));
+    edit(client, 1, 2, "42");
+    client.flush();
+    EXPECT_EQ(rig.host.calls(), (Names{"edit e|42"}));
+}
+
+// Values that change under a column sort do not reorder the rows until the next sort; a late
+// answer with the new values shows them on the rows the variables stand on.
+TEST(WSViewModel, LateAnswersUnderAColumnSortKeepTheListedOrder) {
+    ViewModelRig rig;
+    sizedVariables(rig);
+    GridClient& client = rig.start();
+    client.range(10, 0, 3);
+    client.sort(2, true);
+    client.flush();
+
+    rig.host.recordFor = [](const std::string& name) { // now a, d, c, b by size
+        const std::map<std::string, std::string> sizes = {
+            {"a", "1\u00D71"}, {"b", "5\u00D71"}, {"c", "3\u00D71"}, {"d", "2\u00D71"}};
+        return WSVariable{.name = name, .size = sizes.at(name), .value = "v:" + name};
+    };
+    rig.host.holdAnswers = true;
+    rig.host.fire(batch(kChanged, {"a", "b", "c", "d"}));
+    client.flush();
+    const auto pages = client.during([&] { rig.host.answerHeld(); }, kPage);
+    ASSERT_FALSE(pages.empty());
+    EXPECT_EQ(GridClient::column(pages.back()), (Names{"b", "d", "c", "a"}));
+    EXPECT_EQ(GridClient::column(pages.back(), 2),
+              (Names{"5\u00D71", "2\u00D71", "3\u00D71", "1\u00D71"}));
+    edit(client, 1, 2, "42");
+    client.flush();
+    EXPECT_EQ(rig.host.calls(), (Names{"edit b|42"}));
+}
+
 TEST(WSViewModel, RenamesAndValueEditsReachTheHost) {
     ViewModelRig rig;
     rig.host.fire(batch(kChanged, {"a", "b", "c"}));
@@ -220,6 +338,10 @@ TEST(WSViewModel, WorkspaceBatchesUpdateRowsCountAndSelection) {
 
 TEST(WSViewModel, ColumnSortsStopAboveTenThousandVariables) {
     ViewModelRig rig;
+    rig.host.recordFor = [](const std::string& name) { // v000000 largest, v010000 smallest
+        return WSVariable{.name = name,
+                          .size = std::to_string(10001 - std::stoi(name.substr(1))) + "\u00D71"};
+    };
     const Names names = numberedNames(10001);
     rig.host.fire(batch(kChanged, Names(names.begin(), names.end() - 2)));
     GridClient& client = rig.start();
@@ -240,6 +362,12 @@ TEST(WSViewModel, ColumnSortsStopAboveTenThousandVariables) {
     // The column sort fell back to the name.
     EXPECT_EQ(GridClient::column(client.page([&] { client.range(11, 0, 1); })),
               (Names{"v000000", "v000001"}));
+    // Asked for anyway, a column sort falls back to the name, then and with later batches.
+    EXPECT_EQ(GridClient::column(client.page([&] {
+                  client.sort(2, true);
+                  rig.host.fire(batch(kChanged, {names[3]}));
+              })),
+              (Names{"v000000"}));
     EXPECT_EQ(sortableAfter(kDeleted, names[10000]), (std::vector<bool>{true, false, true, true}));
 
     EXPECT_EQ(rig.host.calls(), (Names{"count 10000", "count 10001", "count 10000"}));
@@ -260,14 +388,20 @@ TEST(WSViewModel, ShutdownFinishesQueuedWorkAndIgnoresEverythingAfter) {
     rig.vm->onPreShutdown(); // does nothing the second time
     EXPECT_EQ(rig.host.calls(), Names{"count 4"}) << "the queued batch ran";
 
-    // Batches and requests after shutdown publish nothing.
+    // Batches and requests after shutdown publish nothing, on either channel.
     const std::size_t before = client.count();
     rig.host.fire(batch(kChanged, {"e"}));
     client.range(11, 0, 1);
     client.sort(0, false);
+    client.select({{0, 1}});
+    client.viewModel(R"({"type":"propertySet","propertyName":"GridSize"})");
+    client.viewModel(R"({"type":"refresh","count":1,"immediateUpdate":true,"variables":"x"})");
     EXPECT_EQ(client.count(), before);
 
-    // Late host answers are published while the view model exists and dropped after.
+    // Late host answers are published while the view model exists and dropped after. The
+    // oldest belongs to the order before the queued batch: it is not published in either.
+    rig.host.answerHeld(1);
+    EXPECT_EQ(client.count(), before);
     rig.host.answerHeld(1);
     EXPECT_GT(client.count(), before);
     rig.vm.reset();
@@ -360,6 +494,7 @@ TEST(WSViewModel, TwoViewModelsServeClientsConcurrentlyWithAHostThread) {
         clients[v]->sort(0, true);
         clients[v]->flush();
         rig.host.answerHeld(); // late answers to earlier pages publish no more
+        clients[v]->flush();
         const auto pages = clients[v]->during(
             [&] { clients[v]->range(11, 0, static_cast<int>(expected.size()) - 1); }, kPage);
         ASSERT_FALSE(pages.empty());

@@ -135,6 +135,11 @@ private:
     struct PageRequest;
 
     void applyDataModelEvents(const WSListenersSubscriptionCallbackArg& events);
+    // The selection handling behind handleSelectionChanged, for the view model's own work,
+    // which must still run while it shuts down.
+    void selectionChanged(const std::vector<RowRange>& rows);
+    // False once shutdown has begun: client messages are then ignored.
+    bool acceptsClientMessages() const;
     void publishPage(const std::shared_ptr<DSEvent>& event, const PageRequest& request,
                      std::vector<WSVariable> records);
     WSVariable clientRecord(const WSVariable& variable,
@@ -142,6 +147,12 @@ private:
     // These read the view state: call them with mStateMutex held.
     std::vector<std::string> orderedColumnsLocked() const;
     std::vector<std::int32_t> rowsOfLocked(const std::vector<std::string>& names) const;
+    // The visible column at `index` among the ordered columns, or empty when there is none.
+    std::string orderedColumnAtLocked(std::int64_t index) const;
+    // Falls back to the name sort when there are too many names for a column sort.
+    void limitSortLocked(std::size_t count);
+    // Replaces the display order; a different order takes a new mOrderGeneration.
+    void setVariableNamesLocked(std::vector<std::string> names);
 
     // Queues `work`; throws what the queue throws (after shutdown: std::runtime_error).
     void pushTask(std::function<void()> work);
@@ -191,6 +202,13 @@ private:
     // Bumped on every rebuild of mVariableNames, so that a host answer to an older sort cannot
     // overwrite a newer order.
     std::uint64_t mNamesGeneration = 0;
+    // Bumped whenever mVariableNames changes, so that a page fetched for an older order is not
+    // shown in the new one.
+    std::uint64_t mOrderGeneration = 0;
+    // Held while a page of rows is checked against mNamesGeneration and published, so that a
+    // page for an older order cannot go out after the page of a newer one. Recursive because the
+    // message service may deliver on the publishing thread into a handler that publishes.
+    std::recursive_mutex mPublishMutex;
     bool mPreShutdownDone = false; // guarded by *mMutex
     // Lets answers that the host sends late, from its own thread, reach this object only while
     // it is alive; the destructor closes it and waits for the ones in progress.
