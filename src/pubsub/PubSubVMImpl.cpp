@@ -68,6 +68,9 @@ const std::string kIgnoredScrollClient = "scrollClient";
 
 const std::string kColumnsNode = "zentra.desktop.workspace.columns";
 const std::string kColumnWidths = "ColumnWidths";
+// Widths in pixels a grid column may have; anything else is a client's mistake.
+constexpr double kMinColumnWidth = 1;
+constexpr double kMaxColumnWidth = 10000;
 const std::string kUserLevel = "user";
 
 constexpr std::size_t kLoggedRefreshNames = 100;
@@ -257,6 +260,14 @@ void PubSubVMImpl::handlePropertySet(std::map<std::string, Value>& msg) {
             JsonTypedValues::toInt32(value[EVENT_PROPERTY_VALUE_TYPE_COLUMN]);
         if (property == EVENT_PROPERTY_VALUE_TYPE_COLUMN_WIDTH) {
             const double width = value[EVENT_PROPERTY_VALUE_TYPE_VALUE].get<double>();
+            // The stored widths are served to every later page, so one absurd width would break
+            // the grid everywhere; the comparison is false for NaN too.
+            if (!(width >= kMinColumnWidth && width <= kMaxColumnWidth)) {
+                WSB_LOG(gLogger, kLevel)
+                    << "Refusing ColumnWidth of " << column << ": " << width
+                    << " is not between " << kMinColumnWidth << " and " << kMaxColumnWidth;
+                return;
+            }
             WSB_LOG(gLogger, kLevel) << "Setting ColumnWidth of " << column << " to " << width;
             // The stored list is trusted to hold one width per column, so the index is not
             // checked against it; at() still turns a bad index into an ordinary failure instead

@@ -235,6 +235,11 @@ TEST_F(PubSubVMImplSettingsTest, ColumnWidthIsWrittenToTheUserSettingsAndBadColu
               "Handling EVENT_VALUE_TYPE_PROPERTY_SET: propertyName = ColumnModelProperty");
     deliver(widthMessage("ColumnWidth", "0", R"("10")"));
     EXPECT_EQ(log.last(), kCaught + "std::string to double");
+    // Widths no grid can show are refused with a log line and the stored width stays.
+    for (const char* width : {"1e308", "-5", "0", "10001", "-1e308"}) {
+        deliver(widthMessage("ColumnWidth", "1", width));
+        EXPECT_EQ(log.last().rfind("Refusing ColumnWidth of 1: ", 0), 0u) << log.last();
+    }
     // Persisted: a fresh read of the user file sees it.
     settings::standalone::reloadSettings();
     EXPECT_EQ(columns.get<std::vector<double>>("ColumnWidths"),
