@@ -481,6 +481,15 @@ TEST_F(WebSocketMessageServiceTest, AnswersBadEnvelopesWithErrorsAndStaysOpen) {
         R"({"op":"publish","channel":"/in"})",
         R"({"op":"publish","channel":"/in","message":1)",
     };
+    const std::string longName(1025, 'c');
+    const std::string tooLong[] = {
+        R"({"op":"subscribe","channel":")" + longName + R"("})",
+        R"({"op":"publish","message":1,"channel":")" + longName + R"("})",
+    };
+    for (const std::string& frame : tooLong) {
+        page->write(frame);
+        EXPECT_EQ(page->readJson().at("error"), "A \"channel\" may be at most 1024 bytes.");
+    }
     for (const char* frame : bad) {
         page->write(frame);
         const json::value reply = page->readJson();

@@ -13,6 +13,7 @@ namespace {
 
 // Deep enough for any real message, shallow enough to keep a hostile frame cheap.
 constexpr std::size_t kMaxDepth = 128;
+constexpr std::size_t kMaxChannelBytes = 1024;
 
 json::parse_options parseOptions() {
     json::parse_options options;
@@ -186,6 +187,9 @@ PageEnvelope parsePageEnvelope(std::string_view frame) {
     const json::value* channel = object->if_contains("channel");
     if (!channel || !channel->is_string() || channel->get_string().empty())
         return invalid("An envelope needs a non-empty string \"channel\".");
+    // A page may hold many subscriptions; bounding each name bounds what they all hold.
+    if (channel->get_string().size() > kMaxChannelBytes)
+        return invalid("A \"channel\" may be at most 1024 bytes.");
     envelope.channel.assign(channel->get_string().data(), channel->get_string().size());
 
     if (envelope.op == PageEnvelope::Op::Publish) {
