@@ -6,12 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 using workspace_browser_startup::PubSubVMImpl;
@@ -195,6 +197,26 @@ TEST_F(PubSubVMImplTest, ObserverFailuresAreCaughtByKind) {
     }
     // The observer after the failing one is not called for that message.
     EXPECT_TRUE(observer.calls.empty());
+}
+
+TEST_F(PubSubVMImplTest, RemovalIsSafeWhileAnotherThreadDelivers) {
+    std::atomic<bool> done{false};
+    std::thread deliverer([&] {
+        while (!done)
+            service->deliver(kChannel, R"({"type":"propertySet","propertyName":"GridSize"})");
+    });
+    for (int round = 0; round < 2000; ++round) {
+        std::atomic<bool> called{false};
+        auto added = std::make_unique<RecordingObserver>();
+        added->onGridSize = [&called] { called = true; };
+        endpoint.addVMObserver(added.get());
+        while (round % 100 == 0 && !called)
+            std::this_thread::yield();
+        endpoint.removeVMObserver(added.get());
+        // Destroyed at once: a delivery still walking an old list would touch freed memory.
+    }
+    done = true;
+    deliverer.join();
 }
 
 class PubSubVMImplSettingsTest : public PubSubVMImplTest {
