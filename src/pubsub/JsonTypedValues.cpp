@@ -592,11 +592,13 @@ private:
             return fail(pr::kTypedArrayExpected, mP);
         ++mP;
         json::Array& array = sink(json::Array()).template get<json::Array>();
-        // Elements are plain numbers, so the first ']' closes the array and the commas before
-        // it count the elements: one cheap scan saves every reallocation of a large array.
-        if (const void* close = std::memchr(mP, ']', static_cast<std::size_t>(mEnd - mP))) {
-            const auto* last = static_cast<const char*>(close);
-            array.reserve(static_cast<std::size_t>(std::count(mP, last, ',')) + 1);
+        // One cheap scan counts the elements that will actually parse, which saves every
+        // reallocation of a large array; counting commas alone would let a frame of commas
+        // reserve far more than it holds.
+        try {
+            array.reserve(countTypedIntegers());
+        } catch (const std::bad_alloc&) {
+            // The reservation is only a speed-up; the elements are appended one by one anyway.
         }
         skipSpace();
         if (mP == mEnd)
@@ -621,6 +623,32 @@ private:
                 return true;
             }
             return fail(pr::kTypedCommaOrBracketExpected, mP);
+        }
+    }
+
+    // The number of leading elements of a typed array that have the shape of an integer: each
+    // needs at least one digit, so the count never exceeds half the remaining text.
+    std::size_t countTypedIntegers() const {
+        std::size_t count = 0;
+        const char* p = mP;
+        const auto skip = [&] {
+            while (p != mEnd && isJsonSpace(*p))
+                ++p;
+        };
+        for (;;) {
+            skip();
+            if (p != mEnd && *p == '-')
+                ++p;
+            const char* digits = p;
+            while (p != mEnd && isDigit(*p))
+                ++p;
+            if (p == digits)
+                return count;
+            ++count;
+            skip();
+            if (p == mEnd || *p != ',')
+                return count;
+            ++p;
         }
     }
 

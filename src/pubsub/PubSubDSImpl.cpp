@@ -95,12 +95,29 @@ Value count(std::int32_t start, std::int32_t end) {
     return Value(static_cast<double>(std::int64_t{end} - std::int64_t{start} + 1));
 }
 
+// The events being dispatched on this thread, innermost last; an observer may deliver another
+// message from inside its call.
+thread_local std::vector<std::shared_ptr<DSEvent>> tDispatching;
+
+// Keeps an event listed as dispatched on this thread for the length of one dispatch.
+class Dispatching {
+public:
+    explicit Dispatching(std::shared_ptr<DSEvent> event) {
+        tDispatching.push_back(std::move(event));
+    }
+    ~Dispatching() { tDispatching.pop_back(); }
+    Dispatching(const Dispatching&) = delete;
+    Dispatching& operator=(const Dispatching&) = delete;
+};
+
 } // namespace
 
-struct PubSubDSImpl::RetainedEvent {
-    DSEvent event;
-    RetainedEvent* next = nullptr;
-};
+std::shared_ptr<const DSEvent> PubSubDSImpl::shareEvent(const DSEvent& event) {
+    for (const auto& dispatched : tDispatching)
+        if (dispatched.get() == &event)
+            return dispatched;
+    return std::make_shared<const DSEvent>(event);
+}
 
 PubSubDSImpl::PubSubDSImpl(std::shared_ptr<connector::message_service::MessageService> service,
                            std::string channelName)
@@ -112,11 +129,6 @@ PubSubDSImpl::PubSubDSImpl(std::shared_ptr<connector::message_service::MessageSe
 PubSubDSImpl::~PubSubDSImpl() {
     // End the subscription before anything a late delivery could touch goes away.
     subscription.reset();
-    RetainedEvent* node = retainedEvents.exchange(nullptr, std::memory_order_acquire);
-    while (node) {
-        std::unique_ptr<RetainedEvent> owned(node);
-        node = node->next;
-    }
 }
 
 void PubSubDSImpl::setupSubscription() {
@@ -128,11 +140,11 @@ void PubSubDSImpl::setupSubscription() {
 }
 
 void PubSubDSImpl::addDSObserver(DSObserver* observer) {
-    observers.push_back(observer);
+    observers.add(observer);
 }
 
 void PubSubDSImpl::removeDSObserver(DSObserver* observer) {
-    observers.erase(std::remove(observers.begin(), observers.end(), observer), observers.end());
+    observers.remove(observer);
 }
 
 Object PubSubDSImpl::convertMessageToJson(const JsonMessage& message) {
@@ -148,15 +160,6 @@ Object PubSubDSImpl::convertMessageToJson(const JsonMessage& message) {
     return result;
 }
 
-DSEvent& PubSubDSImpl::retainNewEvent() {
-    auto* node = new RetainedEvent;
-    node->next = retainedEvents.load(std::memory_order_relaxed);
-    while (!retainedEvents.compare_exchange_weak(node->next, node, std::memory_order_release,
-                                                 std::memory_order_relaxed)) {
-    }
-    return node->event;
-}
-
 void PubSubDSImpl::martialMessage(const JsonMessage& message) {
     Object msg = convertMessageToJson(message);
 
@@ -167,9 +170,12 @@ void PubSubDSImpl::martialMessage(const JsonMessage& message) {
     const std::int32_t startColumn = JsonTypedValues::toInt32(msg[EVENT_PROPERTY_START_COLUMN]);
     const std::int32_t endColumn = JsonTypedValues::toInt32(msg[EVENT_PROPERTY_END_COLUMN]);
 
-    // Retained before anything else can fail, so an observer that kept a reference to an
-    // earlier event, or to this one before throwing, never sees it released.
-    DSEvent& event = retainNewEvent();
+    // Shared, so that an observer that must keep the event beyond its call can (shareEvent), and
+    // every other event is freed when the dispatch ends: a page makes requests for as long as it
+    // is open.
+    const auto held = std::make_shared<DSEvent>();
+    const Dispatching dispatching(held);
+    DSEvent& event = *held;
     event.source = EVENT_VALUE_SOURCE_CLIENT;
     event.eventType = eventType;
     event.startRow = startRow;
@@ -181,12 +187,7 @@ void PubSubDSImpl::martialMessage(const JsonMessage& message) {
     event.fullStartColumn = startColumn;
     event.fullEndColumn = endColumn;
 
-    // By index, so that an observer registering another one while being called cannot leave the
-    // loop with a dangling iterator.
-    const auto notify = [this](auto&& call) {
-        for (std::size_t i = 0; i < observers.size(); ++i)
-            call(*observers[i]);
-    };
+    const auto notify = [this](auto&& call) { observers.forEach(call); };
 
     switch (eventType) {
     case CLIENT_MSG_SET_VIEWPORT:

@@ -68,6 +68,9 @@ const std::string kIgnoredScrollClient = "scrollClient";
 
 const std::string kColumnsNode = "zentra.desktop.workspace.columns";
 const std::string kColumnWidths = "ColumnWidths";
+// Widths in pixels a grid column may have; anything else is a client's mistake.
+constexpr double kMinColumnWidth = 1;
+constexpr double kMaxColumnWidth = 10000;
 const std::string kUserLevel = "user";
 
 constexpr std::size_t kLoggedRefreshNames = 100;
@@ -121,11 +124,11 @@ void PubSubVMImpl::setupSubscription() {
 }
 
 void PubSubVMImpl::addVMObserver(VMObserver* observer) {
-    observers.push_back(observer);
+    observers.add(observer);
 }
 
 void PubSubVMImpl::removeVMObserver(VMObserver* observer) {
-    observers.erase(std::remove(observers.begin(), observers.end(), observer), observers.end());
+    observers.remove(observer);
 }
 
 std::map<std::string, Value> PubSubVMImpl::convertMessageToJson(const JsonMessage& message) {
@@ -167,15 +170,13 @@ void PubSubVMImpl::handleMessage(std::map<std::string, Value>& msg) {
         Object& data = asObject(msg[EVENT_TYPE_DATA]);
         const std::string name =
             JsonTypedValues::toString(data[EVENT_DOUBLE_CLICK_TYPE_VARIABLE_NAME]);
-        for (std::size_t i = 0; i < observers.size(); ++i)
-            observers[i]->handleDoubleClick(name);
+        observers.forEach([&](VMObserver& o) { o.handleDoubleClick(name); });
     } else if (type == EVENT_VALUE_TYPE_DROP) {
         WSB_LOG(gLogger, kLevel) << "Handling EVENT_VALUE_TYPE_DROP";
         Object& d = asObject(msg[EVENT_TYPE_DATA]);
         const std::string data = JsonTypedValues::toString(d[EVENT_DROP_TYPE_DATA]);
         const std::string workspace = JsonTypedValues::toString(d[EVENT_DROP_TYPE_WORKSPACE]);
-        for (std::size_t i = 0; i < observers.size(); ++i)
-            observers[i]->handleDrop(data, workspace);
+        observers.forEach([&](VMObserver& o) { o.handleDrop(data, workspace); });
     } else if (type == EVENT_VALUE_TYPE_REFRESH) {
         handleRefresh(msg);
     } else if (type == EVENT_VALUE_TYPE_PROPERTY_SET) {
@@ -205,8 +206,7 @@ void PubSubVMImpl::handleRefresh(std::map<std::string, Value>& msg) {
                              << static_cast<int>(immediateUpdate)
                              << " with variables:" << describeRefresh(count, names);
 
-    for (std::size_t i = 0; i < observers.size(); ++i)
-        observers[i]->handleRefresh(names, immediateUpdate);
+    observers.forEach([&](VMObserver& o) { o.handleRefresh(names, immediateUpdate); });
 }
 
 void PubSubVMImpl::handlePropertySet(std::map<std::string, Value>& msg) {
@@ -241,16 +241,14 @@ void PubSubVMImpl::handlePropertySet(std::map<std::string, Value>& msg) {
             ranges.push_back(RowRange{start, end});
             WSB_LOG(gLogger, kLevel) << "Added Row Range (" << start << ", " << end << ")";
         }
-        for (std::size_t i = 0; i < observers.size(); ++i)
-            observers[i]->handleSelectionChanged(ranges);
+        observers.forEach([&](VMObserver& o) { o.handleSelectionChanged(ranges); });
     } else if (propertyName == EVENT_PROPERTY_VALUE_TYPE_FOCUS) {
         // The flag sits at the top level under the property's own name, not under
         // "propertyValue"; that is how the client sends it.
         const bool focus = JsonTypedValues::toBool(msg[EVENT_PROPERTY_VALUE_TYPE_FOCUS]);
         WSB_LOG(gLogger, kLevel) << "Handling EVENT_PROPERTY_VALUE_TYPE_FOCUS "
                                  << static_cast<int>(focus);
-        for (std::size_t i = 0; i < observers.size(); ++i)
-            observers[i]->handleFocusChanged(focus);
+        observers.forEach([&](VMObserver& o) { o.handleFocusChanged(focus); });
     } else if (propertyName == EVENT_PROPERTY_VALUE_TYPE_COL_MODEL_PROPERTY) {
         Object& value = asObject(msg[EVENT_PROPERTY_TYPE_VALUE]);
         const std::string property =
@@ -259,6 +257,14 @@ void PubSubVMImpl::handlePropertySet(std::map<std::string, Value>& msg) {
             JsonTypedValues::toInt32(value[EVENT_PROPERTY_VALUE_TYPE_COLUMN]);
         if (property == EVENT_PROPERTY_VALUE_TYPE_COLUMN_WIDTH) {
             const double width = value[EVENT_PROPERTY_VALUE_TYPE_VALUE].get<double>();
+            // The stored widths are served to every later page, so one absurd width would break
+            // the grid everywhere; the comparison is false for NaN too.
+            if (!(width >= kMinColumnWidth && width <= kMaxColumnWidth)) {
+                WSB_LOG(gLogger, kLevel)
+                    << "Refusing ColumnWidth of " << column << ": " << width << " is not between "
+                    << kMinColumnWidth << " and " << kMaxColumnWidth;
+                return;
+            }
             WSB_LOG(gLogger, kLevel) << "Setting ColumnWidth of " << column << " to " << width;
             // The stored list is trusted to hold one width per column, so the index is not
             // checked against it; at() still turns a bad index into an ordinary failure instead
@@ -271,8 +277,7 @@ void PubSubVMImpl::handlePropertySet(std::map<std::string, Value>& msg) {
         }
     } else if (propertyName == EVENT_PROPERTY_VALUE_TYPE_GRID_SIZE_PROPERTY) {
         WSB_LOG(gLogger, kLevel) << "Updating selection after GridSize change";
-        for (std::size_t i = 0; i < observers.size(); ++i)
-            observers[i]->gridSizeChanged();
+        observers.forEach([&](VMObserver& o) { o.gridSizeChanged(); });
     } else {
         WSB_LOG(gLogger, kLevel) << "ERROR: Unknown message type: "
                                  << JsonTypedValues::toString(msg[EVENT_PROPERTY_TYPE]);

@@ -15,6 +15,8 @@
 #include <sstream>
 #include <thread>
 
+#include <sys/stat.h>
+
 namespace fs = std::filesystem;
 using settings::core::Settings;
 using settings::standalone::getSettingsRoot;
@@ -82,6 +84,34 @@ TEST_F(SettingsTest, HighestLevelWinsAndSessionIsForgottenOnReload) {
     EXPECT_EQ(getSettingsRoot().node("zentra.desktop").node("workspace.columns").path(),
               kColumnsNode);
     EXPECT_THROW(getSettingsRoot().node("brand.new").get<bool>("Anything"), std::out_of_range);
+}
+
+TEST_F(SettingsTest, SettingTheStoredValueAgainLeavesTheFileAlone) {
+    // Every save writes a new file and renames it over the old one, so the file's identity tells
+    // whether a save happened.
+    const auto identity = [this] {
+        struct stat info {};
+        EXPECT_EQ(::stat(file().c_str(), &info), 0);
+        return info.st_ino;
+    };
+    Settings columns = getSettingsRoot().node(kColumnsNode);
+    auto widths = columns.get<Widths>("ColumnWidths");
+    widths[0] = 123;
+    columns.set("ColumnWidths", widths);
+    const auto saved = identity();
+    columns.set("ColumnWidths", widths);
+    EXPECT_EQ(identity(), saved) << "an unchanged value is not saved again";
+
+    widths[0] = 124;
+    columns.set("ColumnWidths", widths);
+    EXPECT_NE(identity(), saved);
+    const auto onDisk = boost::json::parse(readFile(file()));
+    EXPECT_EQ(boost::json::value_to<Widths>(onDisk.at(kColumnsNode).at("ColumnWidths")), widths);
+
+    // A value never set at user level is saved even when it equals a default.
+    Settings other = getSettingsRoot().node("test");
+    other.set("flag", false);
+    EXPECT_FALSE(boost::json::parse(readFile(file())).at("test").at("flag").as_bool());
 }
 
 TEST_F(SettingsTest, EveryValueTypeSurvivesTheFileAndMismatchesAreClearErrors) {

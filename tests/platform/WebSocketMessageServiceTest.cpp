@@ -368,6 +368,22 @@ TEST_F(WebSocketMessageServiceTest, CarriesMessagesBothWaysToSubscribedPagesOnly
     EXPECT_FALSE(mPages.contains("-" + idB));
 }
 
+TEST_F(WebSocketMessageServiceTest, PublishedMessagesKeepThePagesOwnNumbers) {
+    start();
+    Recorder inbox;
+    auto subscription = listen("/in", inbox);
+    auto page = openPage();
+    // Numbers a double cannot hold arrive as written, never rounded nor as non-JSON infinities;
+    // white space between tokens goes, white space inside strings stays.
+    const std::string compactMessage = R"({"":31866666673766667370,"z":0e380,"n":[-0.0,1E-400]})";
+    page->write(R"({"op":"publish","channel":"/in","message":)" + compactMessage + "}");
+    page->write(R"({"message":1,"op":"publish","channel":"/in","message" : { "a" : 0e400 ,)"
+                "\n \"b\":[ 1e400,\t2 ], \"s\":\"x  \\\"y\" } }");
+    ASSERT_TRUE(inbox.waitForCount(2));
+    EXPECT_EQ(inbox.texts()[0], compactMessage);
+    EXPECT_EQ(inbox.texts()[1], R"({"a":0e400,"b":[1e400,2],"s":"x  \"y"})");
+}
+
 TEST_F(WebSocketMessageServiceTest, ServerSubscriptionsEndWithTheirHandle) {
     start();
     Recorder kept, released;
@@ -827,6 +843,15 @@ TEST_F(WebSocketMessageServiceTest, AnswersBadEnvelopesWithErrorsAndStaysOpen) {
         R"({"op":"publish","channel":"/in"})",
         R"({"op":"publish","channel":"/in","message":1)",
     };
+    const std::string longName(1025, 'c');
+    const std::string tooLong[] = {
+        R"({"op":"subscribe","channel":")" + longName + R"("})",
+        R"({"op":"publish","message":1,"channel":")" + longName + R"("})",
+    };
+    for (const std::string& frame : tooLong) {
+        page->write(frame);
+        EXPECT_EQ(page->readJson().at("error"), "A \"channel\" may be at most 1024 bytes.");
+    }
     for (const char* frame : bad) {
         page->write(frame);
         const json::value reply = page->readJson();

@@ -6,14 +6,44 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <functional>
 #include <locale>
+#include <new>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#if defined(__GNUC__) && !defined(__clang__)
+// The replacement below pairs malloc with free on purpose; GCC cannot see that across inlining.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+// The largest single allocation made while `gWatchAllocations` is set, so that a test can bound
+// what a client's text makes the parser allocate.
+std::atomic<bool> gWatchAllocations{false};
+std::atomic<std::size_t> gLargestAllocation{0};
+
+void* operator new(std::size_t size) {
+    if (gWatchAllocations.load(std::memory_order_relaxed)) {
+        std::size_t seen = gLargestAllocation.load(std::memory_order_relaxed);
+        while (size > seen && !gLargestAllocation.compare_exchange_weak(seen, size)) {
+        }
+    }
+    if (void* p = std::malloc(size == 0 ? 1 : size))
+        return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -241,6 +271,32 @@ TEST(JsonTypedValuesTest, MalformedInputNeverCrashes) {
             parseArray(mutated, array);
         }
     }
+}
+
+TEST(JsonTypedValuesTest, TypedArraysAllocateNoMoreThanTheirTextCanHold) {
+    // Commas, blanks and signs without digits hold no element, however many there are.
+    const std::size_t size = std::size_t{1} << 20;
+    const std::string fillers[] = {",", " ,", "-,"};
+    for (const std::string& filler : fillers) {
+        std::string text = R"({"vxtype":"int32","vxdata":[1)";
+        while (text.size() < size)
+            text += filler;
+        text += "]}";
+        gLargestAllocation = 0;
+        gWatchAllocations = true;
+        const Parsed r = parse(text);
+        gWatchAllocations = false;
+        EXPECT_NE(r.code, 0);
+        EXPECT_LT(gLargestAllocation.load(), 4 * text.size()) << filler;
+    }
+    // A well-formed array still parses whole.
+    std::string text = R"({"vxtype":"int32","vxdata":[)";
+    for (int i = 0; i < 1000; ++i)
+        text += std::to_string(i) + (i == 999 ? "]}" : ", ");
+    const Parsed r = parse(text);
+    ASSERT_EQ(r.code, 0);
+    ASSERT_EQ(r.object.at("vxdata").get<A>().size(), 1000U);
+    EXPECT_EQ(r.object.at("vxdata").get<A>()[999], V(999L));
 }
 
 TEST(JsonTypedValuesTest, ConversionsByKindWithOverflowBoundsAndExactErrors) {

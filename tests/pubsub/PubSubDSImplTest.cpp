@@ -7,9 +7,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <atomic>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <variant>
 #include <vector>
 
@@ -27,12 +31,12 @@ namespace {
 
 const std::string kChannel = "/ws_who";
 
-// Records each call as a word and keeps a pointer to every event it was handed, the way a view
-// model may keep referring to it.
+// Records each call as a word and keeps every event it was handed, the way a view model may keep
+// referring to it.
 class RecordingObserver : public DSObserver {
 public:
     Calls calls;
-    std::vector<const DSEvent*> events;
+    std::vector<std::shared_ptr<const DSEvent>> events;
 
     void handleClientReady() override { calls.push_back("ready"); }
     void handleSetViewportRange(const DSEvent& e) override { record("viewport", e); }
@@ -55,7 +59,7 @@ public:
 private:
     void record(const std::string& name, const DSEvent& e) {
         calls.push_back(name);
-        events.push_back(&e);
+        events.push_back(PubSubDSImpl::shareEvent(e));
     }
 };
 
@@ -217,13 +221,84 @@ TEST_F(PubSubDSImplTest, ConversionFailuresPropagateReachNoObserverAndLeaveTheEn
     EXPECT_EQ(other.calls, (Calls{"getSize", "getSize"}));
 }
 
-TEST_F(PubSubDSImplTest, DecodedEventsOutliveTheirDispatch) {
+// Holds nothing: counts calls, and can tell whether it was called after its removal.
+class CountingObserver : public RecordingObserver {
+public:
+    std::atomic<int> count{0};
+    std::atomic<bool> removed{false};
+    std::atomic<bool> calledAfterRemoval{false};
+    const DSEvent* lastSeen = nullptr;
+
+    void handleClientGetData(const DSEvent& e) override {
+        if (removed)
+            calledAfterRemoval = true;
+        ++count;
+        lastSeen = &e;
+    }
+    void handleClientSetData(const DSEvent&) override {}
+};
+
+TEST_F(PubSubDSImplTest, DecodedEventsLiveWhileHeldAndAreFreedAfter) {
+    CountingObserver forgetful;
+    endpoint.addDSObserver(&forgetful);
     deliver(R"({"eventType":12,"row":3,"column":4,"data":"a text long enough to need the heap"})");
     deliver(R"({"eventType":11,"startRow":9})");
-    // The first is still readable (a sanitizer build catches any early release).
+    // Those the recording observer holds stay readable (a sanitizer build catches any early
+    // release); an event nobody holds is gone once the dispatch ends.
     ASSERT_EQ(observer.events.size(), 2u);
     EXPECT_EQ(observer.events[0]->data.at(0), Value("a text long enough to need the heap"));
     EXPECT_EQ(observer.events[1]->startRow, 9);
+    // The recording observer shares the event it is handed; once it lets go, the event is freed.
+    ASSERT_EQ(observer.events[1].get(), forgetful.lastSeen);
+    const std::weak_ptr<const DSEvent> page = observer.events[1];
+    observer.events.clear();
+    EXPECT_TRUE(page.expired());
+    // Outside a dispatch, sharing gives a copy.
+    DSEvent local;
+    local.startRow = 4;
+    EXPECT_EQ(PubSubDSImpl::shareEvent(local)->startRow, 4);
+}
+
+TEST(PubSubDSImplMemoryTest, MemoryStaysFlatOverManyRequests) {
+    auto service = std::make_shared<RecordingMessageService>();
+    PubSubDSImpl endpoint(service, kChannel);
+    CountingObserver observer;
+    endpoint.addDSObserver(&observer);
+    const std::string edit =
+        R"({"eventType":12,"row":3,"column":4,"data":")" + std::string(200, 'x') + R"("})";
+    const auto send = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            service->deliver(kChannel, R"({"eventType":11,"startRow":0,"endRow":49})");
+            service->deliver(kChannel, edit);
+        }
+    };
+    send(1000);
+    const auto before = ::mallinfo2().uordblks;
+    send(100000);
+    const auto after = ::mallinfo2().uordblks;
+    // Kept events would take well over 30 MB here.
+    EXPECT_LT(after, before + (1U << 20));
+}
+
+TEST_F(PubSubDSImplTest, RemovalIsSafeWhileAnotherThreadDelivers) {
+    std::atomic<bool> done{false};
+    std::thread deliverer([&] {
+        while (!done)
+            service->deliver(kChannel, R"({"eventType":11})");
+    });
+    for (int round = 0; round < 2000; ++round) {
+        auto added = std::make_unique<CountingObserver>();
+        endpoint.addDSObserver(added.get());
+        endpoint.addDSObserver(added.get());
+        while (round % 100 == 0 && added->count == 0)
+            std::this_thread::yield();
+        endpoint.removeDSObserver(added.get());
+        added->removed = true;
+        EXPECT_FALSE(added->calledAfterRemoval);
+        // Destroyed at once: a delivery still walking an old list would touch freed memory.
+    }
+    done = true;
+    deliverer.join();
 }
 
 TEST_F(PubSubDSImplTest, SubscriptionFailuresStopConstructionAndDestructionUnsubscribes) {

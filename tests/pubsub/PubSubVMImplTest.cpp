@@ -6,12 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 using workspace_browser_startup::PubSubVMImpl;
@@ -216,6 +218,26 @@ TEST_F(PubSubVMImplTest, ObserverFailuresAreCaughtByKind) {
     EXPECT_TRUE(observer.calls.empty());
 }
 
+TEST_F(PubSubVMImplTest, RemovalIsSafeWhileAnotherThreadDelivers) {
+    std::atomic<bool> done{false};
+    std::thread deliverer([&] {
+        while (!done)
+            service->deliver(kChannel, R"({"type":"propertySet","propertyName":"GridSize"})");
+    });
+    for (int round = 0; round < 2000; ++round) {
+        std::atomic<bool> called{false};
+        auto added = std::make_unique<RecordingObserver>();
+        added->onGridSize = [&called] { called = true; };
+        endpoint.addVMObserver(added.get());
+        while (round % 100 == 0 && !called)
+            std::this_thread::yield();
+        endpoint.removeVMObserver(added.get());
+        // Destroyed at once: a delivery still walking an old list would touch freed memory.
+    }
+    done = true;
+    deliverer.join();
+}
+
 class PubSubVMImplSettingsTest : public PubSubVMImplTest {
 protected:
     static void SetUpTestSuite() {
@@ -254,6 +276,11 @@ TEST_F(PubSubVMImplSettingsTest, ColumnWidthIsWrittenToTheUserSettingsAndBadColu
               "Handling EVENT_VALUE_TYPE_PROPERTY_SET: propertyName = ColumnModelProperty");
     deliver(widthMessage("ColumnWidth", "0", R"("10")"));
     EXPECT_EQ(log.last(), kCaught + "std::string to double");
+    // Widths no grid can show are refused with a log line and the stored width stays.
+    for (const char* width : {"1e308", "-5", "0", "10001", "-1e308"}) {
+        deliver(widthMessage("ColumnWidth", "1", width));
+        EXPECT_EQ(log.last().rfind("Refusing ColumnWidth of 1: ", 0), 0u) << log.last();
+    }
     // Persisted: a fresh read of the user file sees it.
     settings::standalone::reloadSettings();
     EXPECT_EQ(columns.get<std::vector<double>>("ColumnWidths"),

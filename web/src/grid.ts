@@ -122,6 +122,8 @@ export class WorkspaceGrid {
   private applyingSelection = false;
   // Selection reports the server has not answered yet; its older selection replies are stale.
   private selectionReportsInFlight = 0;
+  // The width last sent per column key, forgotten whenever the server describes the columns.
+  private reportedWidths = new Map<string, number>();
   private restoreSelection = false;
   private refreshTimer: number | undefined;
   private viewportTimer: number | undefined;
@@ -283,6 +285,7 @@ export class WorkspaceGrid {
 
   private onColumns(columns: ColumnInfo[]): void {
     this.columns = columns;
+    this.reportedWidths.clear();
     this.columnKeys = COLUMN_KEYS.map((k, i) => columns.find((c) => c.index === i)?.key ?? k);
     const sort = this.currentSort() ?? this.serverSort;
     const defs: ColDef<Row>[] = columns.map((column) => ({
@@ -504,6 +507,10 @@ export class WorkspaceGrid {
   private reportWidth(colId: string, width: number): void {
     const column = this.columns.find((c) => c.key === colId);
     if (!column) return;
+    // Each width the server stores is a settings write on the thread that serves every page:
+    // a drag that ends where it began, or a column the drag did not change, sends nothing.
+    if (this.reportedWidths.get(colId) === width) return;
+    this.reportedWidths.set(colId, width);
     this.out.viewModel({
       type: 'propertySet',
       propertyName: 'ColumnModelProperty',

@@ -5,9 +5,9 @@
 #include <workspace_browser/platform/message_service/MessageService.hpp>
 #include <workspace_browser/pubsub/DSEvent.hpp>
 #include <workspace_browser/pubsub/DSModelEvent.hpp>
+#include <workspace_browser/pubsub/ObserverList.hpp>
 #include <workspace_browser/viewmodel/DSObserver.hpp>
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -17,9 +17,9 @@
 // The server end of the paging channel: decodes the grid's requests (sizes, pages, metadata,
 // edits, sorting, viewport) into DSEvents for its observers, and publishes sizes, pages and
 // metadata back on the same channel.
-// Thread-safety: takes no lock. Delivery may run on any thread the service uses; the publishing
-// operations may be called from any thread. Observers must not be added or removed while
-// messages are being delivered.
+// Thread-safety: delivery may run on any thread the service uses, the publishing operations and
+// adding or removing observers on any thread at any time; once removeDSObserver returns, the
+// observer is not called again.
 class WSB_EXPORT PubSubDSImpl {
 public:
     static const std::string MESSAGE_SERVICE_INSTANCE_NAME;
@@ -63,15 +63,22 @@ public:
 
     // Duplicates are allowed: an observer added twice is called twice per message.
     void addDSObserver(DSObserver* observer);
-    // Removes every registration of `observer`; an unknown pointer is ignored.
+    // Removes every registration of `observer`; an unknown pointer is ignored. Waits for a call
+    // to it in progress on another thread to return.
     void removeDSObserver(DSObserver* observer);
 
     // Parses the message's text. Never throws for malformed text: "parseSuccess" tells, and the
     // members read before the failure stay.
     foundation::json::Object convertMessageToJson(const connector::message_service::JsonMessage&);
     // Decodes one client message and calls the observers. Conversion failures and observers'
-    // exceptions propagate to the caller; the endpoint stays usable.
+    // exceptions propagate to the caller; the endpoint stays usable. The event handed to the
+    // observers is freed when the dispatch ends unless one of them shares it (shareEvent).
     void martialMessage(const connector::message_service::JsonMessage& message);
+
+    // Shared ownership of an event an observer is being handed, for an observer that must keep
+    // that very event beyond its call: the event is freed once nothing holds it. Given any other
+    // event, a shared copy of it.
+    static std::shared_ptr<const DSEvent> shareEvent(const DSEvent& event);
 
     static std::vector<std::string> getMapKeys(std::map<std::string, std::string> map);
 
@@ -85,16 +92,8 @@ public:
     std::string generateJsonData(int startRow, int endRow, int startColumn, int endColumn);
 
 private:
-    struct RetainedEvent;
-
-    DSEvent& retainNewEvent();
-
     std::shared_ptr<connector::message_service::MessageService> messageService;
     std::string channel;
     std::shared_ptr<connector::message_service::Subscription> subscription;
-    std::vector<DSObserver*> observers;
-    // Every decoded request stays alive as long as the endpoint, because observers may keep
-    // referring to the event they were handed. A push-only list, so that overlapping deliveries
-    // need no lock.
-    std::atomic<RetainedEvent*> retainedEvents{nullptr};
+    workspace_browser_startup::ObserverList<DSObserver> observers;
 };

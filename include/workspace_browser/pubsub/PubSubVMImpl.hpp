@@ -3,6 +3,7 @@
 #include <workspace_browser/Export.hpp>
 #include <workspace_browser/platform/json/Value.hpp>
 #include <workspace_browser/platform/message_service/MessageService.hpp>
+#include <workspace_browser/pubsub/ObserverList.hpp>
 #include <workspace_browser/viewmodel/RowRange.hpp>
 #include <workspace_browser/viewmodel/VMObserver.hpp>
 
@@ -16,8 +17,9 @@ namespace workspace_browser_startup {
 // The server end of the view-model channel: decodes the grid's user-interface events
 // (double-click, drop, refresh, focus, selection, column width, grid size) for its observers and
 // announces selection changes and renames to the client.
-// Thread-safety: takes no lock. Delivery runs on the service's thread, the senders on any
-// thread; observers must not be added or removed while messages are being delivered.
+// Thread-safety: delivery runs on the service's thread, the senders and adding or removing
+// observers on any thread at any time; once removeVMObserver returns, the observer is not called
+// again.
 class WSB_EXPORT PubSubVMImpl {
 public:
     static const std::string DEFAULT_CHANNEL;
@@ -90,7 +92,7 @@ private:
     std::shared_ptr<connector::message_service::MessageService> messageService;
     std::string channel;
     std::shared_ptr<connector::message_service::Subscription> subscription;
-    std::vector<VMObserver*> observers;
+    ObserverList<VMObserver> observers;
 };
 
 } // namespace workspace_browser_startup

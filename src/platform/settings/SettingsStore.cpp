@@ -55,7 +55,18 @@ void SettingsStore::set(const std::string& node, const std::string& name, Settin
     {
         std::lock_guard lock(mStateMutex);
         ensureLoaded();
-        mLayers[static_cast<int>(Level::User)][node][name] = std::move(value);
+        Layer& user = mLayers[static_cast<int>(Level::User)];
+        // Rewriting the file costs two flushes to disk; when it already holds this value there
+        // is nothing to save. A value that only lives in memory after a failed save is saved.
+        if (!mUserFileStale && !mUserFileRejected && !mUserFile.empty()) {
+            const auto n = user.find(node);
+            if (n != user.end()) {
+                const auto s = n->second.find(name);
+                if (s != n->second.end() && s->second == value)
+                    return;
+            }
+        }
+        user[node][name] = std::move(value);
         if (mUserFile.empty())
             return; // already warned when loading: user settings last for this process only
         text = SettingsFile::serialize(mLayers[static_cast<int>(Level::User)]);
@@ -67,14 +78,18 @@ void SettingsStore::set(const std::string& node, const std::string& name, Settin
         if (moveRejected)
             keepAs = file.string() + ".corrupt";
         SettingsFile::writeAtomically(file, text, keepAs);
+        std::lock_guard lock(mStateMutex);
+        if (mUserFile == file)
+            mUserFileStale = false;
     } catch (const std::exception& e) {
         // The value still holds in memory and goes to disk with the next successful save; a
         // failing disk must not break the caller's operation.
         WSB_LOG(mLog, foundation::log::kError)
             << "Could not save user settings to " << file.string() << ": " << e.what();
-        if (moveRejected) {
-            std::lock_guard lock(mStateMutex);
-            if (mUserFile == file)
+        std::lock_guard lock(mStateMutex);
+        if (mUserFile == file) {
+            mUserFileStale = true;
+            if (moveRejected)
                 mUserFileRejected = true;
         }
     }
@@ -88,6 +103,7 @@ void SettingsStore::reload() {
     mUserLoaded = false;
     mUserFile.clear();
     mUserFileRejected = false;
+    mUserFileStale = false;
 }
 
 void SettingsStore::ensureLoaded() {

@@ -26,7 +26,8 @@ public:
 
     // The value at the highest level holding node/name, if any.
     std::optional<SettingData> find(const std::string& node, const std::string& name);
-    // Stores the value; at the user level also saves the whole level to settings.json.
+    // Stores the value; at the user level also saves the whole level to settings.json, unless
+    // the file already holds that value.
     void set(const std::string& node, const std::string& name, SettingData value, Level level);
     // Drops the session level and the user level; the user file is read again on next use.
     void reload();
@@ -50,6 +51,8 @@ private:
     // The file on disk was rejected; the next save moves it to settings.json.corrupt instead of
     // overwriting it, so that nothing the user had is lost without a trace.
     bool mUserFileRejected = false;
+    // The last save failed, so the file may lack values held in memory.
+    bool mUserFileStale = false;
 };
 
 } // namespace settings::detail

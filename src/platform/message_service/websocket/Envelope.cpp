@@ -13,6 +13,7 @@ namespace {
 
 // Deep enough for any real message, shallow enough to keep a hostile frame cheap.
 constexpr std::size_t kMaxDepth = 128;
+constexpr std::size_t kMaxChannelBytes = 1024;
 
 json::parse_options parseOptions() {
     json::parse_options options;
@@ -46,6 +47,108 @@ struct SyntaxOnly {
     bool on_comment_part(json::string_view, json::error_code&) { return true; }
     bool on_comment(json::string_view, json::error_code&) { return true; }
 };
+
+bool isJsonSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+// The end of the string starting at the quote `p`.
+const char* skipString(const char* p, const char* end) {
+    for (++p; p != end && *p != '"'; ++p)
+        if (*p == '\\' && p + 1 != end)
+            ++p;
+    return p == end ? end : p + 1;
+}
+
+// The end of the value starting at `p`, in text already known to be valid JSON.
+const char* skipValue(const char* p, const char* end) {
+    if (*p == '"')
+        return skipString(p, end);
+    if (*p == '{' || *p == '[') {
+        std::size_t depth = 0;
+        while (p != end) {
+            if (*p == '"') {
+                p = skipString(p, end);
+                continue;
+            }
+            if (*p == '{' || *p == '[')
+                ++depth;
+            else if ((*p == '}' || *p == ']') && --depth == 0)
+                return p + 1;
+            ++p;
+        }
+        return end;
+    }
+    while (p != end && *p != ',' && *p != '}' && *p != ']' && !isJsonSpace(*p))
+        ++p;
+    return p;
+}
+
+// The text of the top-level member "message" of an object frame already known to be valid JSON,
+// as the page wrote it; the last one when the key repeats, as the parser keeps the last.
+std::string_view messageText(std::string_view frame) {
+    const char* p = frame.data();
+    const char* const end = p + frame.size();
+    const auto skipSpace = [&] {
+        while (p != end && isJsonSpace(*p))
+            ++p;
+    };
+    std::string_view found;
+    skipSpace();
+    if (p == end || *p != '{')
+        return found;
+    ++p;
+    for (;;) {
+        skipSpace();
+        if (p == end || *p != '"')
+            return found;
+        const char* keyBegin = p;
+        p = skipString(p, end);
+        const std::string_view key(keyBegin, static_cast<std::size_t>(p - keyBegin));
+        bool isMessage = key == R"("message")";
+        if (!isMessage && key.find('\\') != std::string_view::npos) {
+            json::error_code ec;
+            const json::value decoded = json::parse(json::string_view(key.data(), key.size()), ec);
+            isMessage = !ec && decoded.is_string() && decoded.get_string() == "message";
+        }
+        skipSpace();
+        if (p == end || *p != ':')
+            return found;
+        ++p;
+        skipSpace();
+        if (p == end)
+            return found;
+        const char* valueBegin = p;
+        p = skipValue(p, end);
+        if (isMessage)
+            found = std::string_view(valueBegin, static_cast<std::size_t>(p - valueBegin));
+        skipSpace();
+        if (p == end || *p != ',')
+            return found;
+        ++p;
+    }
+}
+
+// The value's own bytes without the white space between tokens; numbers and strings are kept
+// exactly as written, so no number is rounded or turned into something that is not JSON.
+std::string compact(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    while (p != end) {
+        if (*p == '"') {
+            const char* stop = skipString(p, end);
+            out.append(p, stop);
+            p = stop;
+        } else {
+            if (!isJsonSpace(*p))
+                out.push_back(*p);
+            ++p;
+        }
+    }
+    return out;
+}
 
 PageEnvelope invalid(std::string text) {
     PageEnvelope envelope;
@@ -84,13 +187,17 @@ PageEnvelope parsePageEnvelope(std::string_view frame) {
     const json::value* channel = object->if_contains("channel");
     if (!channel || !channel->is_string() || channel->get_string().empty())
         return invalid("An envelope needs a non-empty string \"channel\".");
+    // A page may hold many subscriptions; bounding each name bounds what they all hold.
+    if (channel->get_string().size() > kMaxChannelBytes)
+        return invalid("A \"channel\" may be at most 1024 bytes.");
     envelope.channel.assign(channel->get_string().data(), channel->get_string().size());
 
     if (envelope.op == PageEnvelope::Op::Publish) {
-        const json::value* message = object->if_contains("message");
-        if (!message)
+        if (!object->if_contains("message"))
             return invalid("A publish needs a \"message\".");
-        envelope.message = json::serialize(*message);
+        // The page's own text, not a rendering of the parsed value: a rendering would change
+        // numbers (rounding, or a huge exponent becoming a non-JSON infinity).
+        envelope.message = compact(messageText(frame));
     }
     return envelope;
 }

@@ -310,7 +310,7 @@ void ServerCore::httpSessionEnded(std::uint64_t id) {
 
 void ServerCore::deliverFromPage(std::string channel, std::string message,
                                  const std::shared_ptr<WsConnection>& from) {
-    const std::size_t bytes = message.size();
+    const std::size_t bytes = WsConnection::inboundCost(channel, message);
     std::weak_ptr<WsConnection> weakFrom = from;
     // The task must not touch this object: it may run while the service is being destroyed.
     mDelivery.post([registry = mRegistry, channel = std::move(channel),

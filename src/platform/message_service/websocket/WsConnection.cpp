@@ -122,7 +122,7 @@ void WsConnection::handleFrame(std::string_view frame) {
         mChannels.erase(envelope.channel);
         return;
     case PageEnvelope::Op::Publish:
-        mPendingInbound.fetch_add(envelope.message.size());
+        mPendingInbound.fetch_add(inboundCost(envelope.channel, envelope.message));
         mCore.deliverFromPage(std::move(envelope.channel), std::move(envelope.message),
                               shared_from_this());
         return;
@@ -155,14 +155,15 @@ void WsConnection::send(std::shared_ptr<const std::string> frame) {
         return;
     // The frame being written counts too; a single frame is always accepted on an empty queue,
     // so the bound limits the backlog, not the size of one message.
-    if (!mQueue.empty() && mQueuedBytes + frame->size() > mQueueBound) {
+    const std::size_t cost = frame->size() + kQueueEntryOverhead;
+    if (!mQueue.empty() && mQueuedBytes + cost > mQueueBound) {
         WSB_LOG(serviceLogger(), foundation::log::kWarning)
             << "Page " << mPageId << " does not read its messages (" << mQueuedBytes
             << " bytes waiting); its connection is dropped";
         abort();
         return;
     }
-    mQueuedBytes += frame->size();
+    mQueuedBytes += cost;
     mQueue.push_back(std::move(frame));
     if (mQueue.size() == 1)
         writeNext();
@@ -183,7 +184,7 @@ void WsConnection::onWrite(beast::error_code ec) {
         abort();
         return;
     }
-    mQueuedBytes -= mQueue.front()->size();
+    mQueuedBytes -= mQueue.front()->size() + kQueueEntryOverhead;
     mQueue.pop_front();
     if (!mQueue.empty() && !mClosing)
         writeNext();

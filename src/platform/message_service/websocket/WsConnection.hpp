@@ -45,6 +45,15 @@ public:
     // The delivery thread has handed `bytes` of this page's messages to the subscribers.
     void inboundDelivered(std::size_t bytes);
 
+    // What one queued message costs besides its own bytes: the string headers, the queue or task
+    // slot and the shared control block. Counted so that a flood of tiny messages is bounded as
+    // surely as a few large ones.
+    static constexpr std::size_t kQueueEntryOverhead = 256;
+    // What a page's publish of `message` on `channel` counts against its inbound bound.
+    static std::size_t inboundCost(std::string_view channel, std::string_view message) {
+        return channel.size() + message.size() + kQueueEntryOverhead;
+    }
+
 private:
     void onAccept(boost::beast::error_code ec);
     void readNext();
