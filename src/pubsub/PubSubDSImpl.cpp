@@ -5,6 +5,7 @@
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 
 #include "ChannelMechanics.hpp"
+#include "RecentEvents.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -121,7 +122,8 @@ std::shared_ptr<const DSEvent> PubSubDSImpl::shareEvent(const DSEvent& event) {
 
 PubSubDSImpl::PubSubDSImpl(std::shared_ptr<connector::message_service::MessageService> service,
                            std::string channelName)
-    : messageService(std::move(service)), channel(std::move(channelName)) {
+    : messageService(std::move(service)), channel(std::move(channelName)),
+      recentEvents(std::make_unique<workspace_browser_startup::detail::RecentEvents>()) {
     WSB_LOG(gLogger, kLevel) << "PubSubDSImpl on channel " << channel;
     setupSubscription();
 }
@@ -187,7 +189,12 @@ void PubSubDSImpl::martialMessage(const JsonMessage& message) {
     event.fullStartColumn = startColumn;
     event.fullEndColumn = endColumn;
 
-    const auto notify = [this](auto&& call) { observers.forEach(call); };
+    // Kept among the recent requests just before the observers see it, once its data is
+    // complete, so that the byte bound counts an edit's text.
+    const auto notify = [this, &held](auto&& call) {
+        recentEvents->keep(held);
+        observers.forEach(call);
+    };
 
     switch (eventType) {
     case CLIENT_MSG_SET_VIEWPORT:

@@ -235,23 +235,29 @@ public:
         ++count;
         lastSeen = &e;
     }
-    void handleClientSetData(const DSEvent&) override {}
+    void handleClientSetData(const DSEvent& e) override { lastSeen = &e; }
 };
 
-TEST_F(PubSubDSImplTest, DecodedEventsLiveWhileHeldAndAreFreedAfter) {
+TEST_F(PubSubDSImplTest, DecodedEventsLiveWhileHeldOrRecentAndAreFreedAfter) {
     CountingObserver forgetful;
     endpoint.addDSObserver(&forgetful);
     deliver(R"({"eventType":12,"row":3,"column":4,"data":"a text long enough to need the heap"})");
+    const DSEvent* edit = forgetful.lastSeen;
     deliver(R"({"eventType":11,"startRow":9})");
-    // Those the recording observer holds stay readable (a sanitizer build catches any early
-    // release); an event nobody holds is gone once the dispatch ends.
+    // An observer that kept only a reference can still read the event after its call, while
+    // the event is among the endpoint's recent requests (a sanitizer build catches any early
+    // release).
+    EXPECT_EQ(edit->data.at(0), Value("a text long enough to need the heap"));
     ASSERT_EQ(observer.events.size(), 2u);
-    EXPECT_EQ(observer.events[0]->data.at(0), Value("a text long enough to need the heap"));
     EXPECT_EQ(observer.events[1]->startRow, 9);
-    // The recording observer shares the event it is handed; once it lets go, the event is freed.
+    // The recording observer shares the event it is handed: the very event, kept while held.
     ASSERT_EQ(observer.events[1].get(), forgetful.lastSeen);
     const std::weak_ptr<const DSEvent> page = observer.events[1];
     observer.events.clear();
+    for (int i = 0; i < 300; ++i)
+        deliver(R"({"eventType":10})");
+    observer.events.clear();
+    // Once it is neither shared nor recent, it is freed.
     EXPECT_TRUE(page.expired());
     // Outside a dispatch, sharing gives a copy.
     DSEvent local;

@@ -14,6 +14,10 @@
 #include <string>
 #include <vector>
 
+namespace workspace_browser_startup::detail {
+class RecentEvents;
+}
+
 // The server end of the paging channel: decodes the grid's requests (sizes, pages, metadata,
 // edits, sorting, viewport) into DSEvents for its observers, and publishes sizes, pages and
 // metadata back on the same channel.
@@ -72,7 +76,9 @@ public:
     foundation::json::Object convertMessageToJson(const connector::message_service::JsonMessage&);
     // Decodes one client message and calls the observers. Conversion failures and observers'
     // exceptions propagate to the caller; the endpoint stays usable. The event handed to the
-    // observers is freed when the dispatch ends unless one of them shares it (shareEvent).
+    // observers stays valid after the dispatch while it is among the endpoint's most recent
+    // requests (the last 256, fewer when they carry megabytes of edit text), and for as long
+    // as an observer shares it (shareEvent); then it is freed.
     void martialMessage(const connector::message_service::JsonMessage& message);
 
     // Shared ownership of an event an observer is being handed, for an observer that must keep
@@ -96,4 +102,5 @@ private:
     std::string channel;
     std::shared_ptr<connector::message_service::Subscription> subscription;
     workspace_browser_startup::ObserverList<DSObserver> observers;
+    std::unique_ptr<workspace_browser_startup::detail::RecentEvents> recentEvents;
 };
