@@ -1,6 +1,7 @@
 // How long a stream of column widths from one page holds up another page's request: page A sends
 // 1,000 width messages, then page B asks for data and waits for the reply. Both go through the
-// one delivery thread, which also saves the widths to the user settings. The time is B's wait.
+// one delivery thread, which also saves the widths to the user settings; pages take turns there,
+// so B waits for at most one of A's messages, not for all of them. The time is B's wait.
 // Argument 0: A repeats one width (what a page that only reports finished drags sends at most);
 // argument 1: every width differs, so every message rewrites the settings file.
 #include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>

@@ -19,12 +19,16 @@ DeliveryQueue::~DeliveryQueue() {
     stop();
 }
 
-bool DeliveryQueue::post(std::function<void()> task) {
+bool DeliveryQueue::post(const std::string& lane, std::function<void()> task) {
     {
         std::lock_guard lock(mState->mutex);
         if (mState->stopping)
             return false;
-        mState->tasks.push_back(std::move(task));
+        auto& tasks = mState->lanes[lane];
+        if (tasks.empty())
+            mState->turns.push_back(lane);
+        tasks.push_back(std::move(task));
+        ++mState->pending;
     }
     mState->wake.notify_one();
     return true;
@@ -35,10 +39,10 @@ void DeliveryQueue::stop() {
     {
         std::lock_guard lock(mState->mutex);
         mState->stopping = true;
-        if (fromOwnThread && !mState->tasks.empty()) {
+        if (fromOwnThread && mState->pending != 0) {
             mState->abandoned = true;
             WSB_LOG(serviceLogger(), foundation::log::kWarning)
-                << "Stopped from one of its own callbacks: " << mState->tasks.size()
+                << "Stopped from one of its own callbacks: " << mState->pending
                 << " pending deliveries are dropped";
         }
     }
@@ -61,11 +65,20 @@ void DeliveryQueue::run(const std::shared_ptr<State>& state, const std::string& 
         std::function<void()> task;
         {
             std::unique_lock lock(state->mutex);
-            state->wake.wait(lock, [&] { return state->stopping || !state->tasks.empty(); });
-            if (state->abandoned || state->tasks.empty())
+            state->wake.wait(lock, [&] { return state->stopping || state->pending != 0; });
+            if (state->abandoned || state->pending == 0)
                 return;
-            task = std::move(state->tasks.front());
-            state->tasks.pop_front();
+            // The lane whose turn it is gives one task, then waits behind the others.
+            std::string lane = std::move(state->turns.front());
+            state->turns.pop_front();
+            const auto found = state->lanes.find(lane);
+            task = std::move(found->second.front());
+            found->second.pop_front();
+            --state->pending;
+            if (found->second.empty())
+                state->lanes.erase(found);
+            else
+                state->turns.push_back(std::move(lane));
         }
         try {
             task();

@@ -280,7 +280,7 @@ std::string ServerCore::openPage() {
         handler = mConnected;
     }
     if (handler)
-        mDelivery.post([handler = std::move(handler), pageId] { handler(pageId); });
+        mDelivery.post(pageId, [handler = std::move(handler), pageId] { handler(pageId); });
     return pageId;
 }
 
@@ -298,7 +298,7 @@ void ServerCore::connectionEnded(std::uint64_t id, const std::string& pageId) {
             handler = mDisconnected;
         }
         if (handler)
-            mDelivery.post([handler = std::move(handler), pageId] { handler(pageId); });
+            mDelivery.post(pageId, [handler = std::move(handler), pageId] { handler(pageId); });
     }
     endShutdownIfIdle();
 }
@@ -313,8 +313,9 @@ void ServerCore::deliverFromPage(std::string channel, std::string message,
     const std::size_t bytes = WsConnection::inboundCost(channel, message);
     std::weak_ptr<WsConnection> weakFrom = from;
     // The task must not touch this object: it may run while the service is being destroyed.
-    mDelivery.post([registry = mRegistry, channel = std::move(channel),
-                    message = std::move(message), weakFrom, bytes] {
+    // In the page's own lane, after its connect handler and before its disconnect handler.
+    mDelivery.post(from->pageId(), [registry = mRegistry, channel = std::move(channel),
+                                    message = std::move(message), weakFrom, bytes] {
         registry->deliver(channel, message);
         if (auto connection = weakFrom.lock())
             connection->inboundDelivered(bytes);

@@ -30,6 +30,8 @@ public:
     WsConnection(ServerCore& core, boost::beast::tcp_stream&& stream, std::uint64_t id);
 
     std::uint64_t id() const { return mId; }
+    // Empty until the upgrade has named the page.
+    const std::string& pageId() const { return mPageId; }
     // Completes the WebSocket handshake for this upgrade request.
     void accept(Request request);
     // Queues a text frame; a client whose queue would pass the bound is disconnected instead.
