@@ -13,9 +13,16 @@ scripts/install-deps.sh
 
 step() { printf '\n=== %s (%ss)\n' "$1" "$(( $(date +%s) - start ))"; }
 
+# A compiler cache, when the machine has one, makes the three builds below share what they can
+# with earlier runs.
+launcher=()
+if command -v ccache >/dev/null 2>&1; then
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+
 configure_and_build() { # <dir> <extra cmake args...>
   local dir=$1; shift
-  cmake -S "$root" -B "$dir" -DWSB_WARNINGS_AS_ERRORS=ON "$@" >/dev/null
+  cmake -S "$root" -B "$dir" -DWSB_WARNINGS_AS_ERRORS=ON "${launcher[@]}" "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
 }
 
