@@ -25,22 +25,27 @@ after(async () => {
   await server?.stop();
 });
 
-test('the page is refused without the right token', async () => {
+test('the page is refused with a wrong token, and without one says where its link is', async () => {
   const context = await browser.newContext();
   try {
     const page = await context.newPage();
-    // A token that differs only in its last digit must fail as well as none at all.
-    const addresses = [
-      `${server.origin}/`,
-      `${server.origin}/index.html`,
-      `${server.origin}/?token=`,
-      `${server.origin}/?token=${wrongToken()}`,
-    ];
-    for (const address of addresses) {
+    // A token that differs only in its last digit must fail as well as an empty one.
+    for (const address of [`${server.origin}/?token=`, `${server.origin}/?token=${wrongToken()}`]) {
       const response = await page.goto(address);
       assert.equal(response.status(), 403, address);
       assert.equal(await page.locator('#grid, #command').count(), 0, address);
     }
+    // With no token at all (a bookmark, a new tab) the page loads, opens no connection and says
+    // where to find its address.
+    const sockets = [];
+    page.on('websocket', (socket) => sockets.push(socket.url()));
+    for (const address of [`${server.origin}/`, `${server.origin}/index.html`]) {
+      const response = await page.goto(address);
+      assert.equal(response.status(), 200, address);
+      await page.getByText('This page needs its access link').waitFor({ timeout: 10000 });
+      assert.equal(await page.locator('#connection').getAttribute('data-state'), 'closed');
+    }
+    assert.deepEqual(sockets, []);
   } finally {
     await context.close();
   }
@@ -74,6 +79,12 @@ test('the token leaves the address bar once the page has it, and reconnecting st
   try {
     const shown = await page.evaluate(() => location.href);
     assert.equal(shown, `${first.origin}/`);
+
+    // A reload asks for the page without the token and connects with the one the tab kept.
+    await page.reload();
+    await page.locator('#connection[data-state="open"]').waitFor({ timeout: 20000 });
+    await rowOf(page, 'answer', { timeout: 15000 });
+    assert.equal(await page.evaluate(() => location.href), shown);
 
     assert.equal((await first.stop()).code, 0);
     await page.locator('#connection:not([data-state="open"])').waitFor({ timeout: 10000 });

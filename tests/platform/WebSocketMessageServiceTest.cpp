@@ -744,9 +744,11 @@ TEST_F(WebSocketMessageServiceTest, ServesClientFilesWithTypesAndPolicy) {
 
     EXPECT_EQ(exchange(port(), request("GET", "/missing.js", host())).result_int(), 404);
     EXPECT_EQ(exchange(port(), request("POST", "/app.js", host())).result_int(), 405);
-    // The page itself needs the token and the right Host, like the WebSocket.
-    EXPECT_EQ(exchange(port(), request("GET", "/", host())).result_int(), 403);
+    // The page needs the right Host, like the WebSocket, and no token or the right one: without
+    // one it is served (a reloaded tab connects with the token it kept), a wrong one is refused.
+    EXPECT_EQ(exchange(port(), request("GET", "/", host())).result_int(), 200);
     EXPECT_EQ(exchange(port(), request("GET", "/index.html?token=x", host())).result_int(), 403);
+    EXPECT_EQ(exchange(port(), request("GET", "/?token=", host())).result_int(), 403);
     EXPECT_EQ(exchange(port(), request("GET", "/?token=" + mService->token(),
                                        "attacker.example:" + std::to_string(port())))
                   .result_int(),

@@ -77,8 +77,15 @@ connection = new Connection(url, {
   onMessage: deliver,
 });
 
-if (!token) showNotice('The page address has no token; the server will refuse the connection.');
-connection.start();
+if (token) {
+  connection.start();
+} else {
+  // Opened without its access link (a bookmark, a new tab): connecting would only be refused.
+  showState('closed', 'Not connected');
+  notice.textContent =
+    'This page needs its access link: open the address wsbrowser printed when it started ' +
+    '(it ends in ?token=…).';
+}
 
 const { WorkspaceGrid: Grid } = await import('./grid');
 grid = new Grid(byId('grid'), {

@@ -38,6 +38,13 @@ bool tokenMatches(std::string_view query, const std::string& token) {
     return given && constantTimeEquals(*given, token);
 }
 
+// A page asked for with no token at all is served: it holds nothing secret, and without one it
+// connects with the token its tab kept (after a reload) or says where to find its address. A
+// token that is there but wrong, even empty, is refused.
+bool pageMayBeServed(std::string_view query, const std::string& token) {
+    return !queryParameter(query, "token") || tokenMatches(query, token);
+}
+
 } // namespace
 
 HttpSession::HttpSession(ServerCore& core, boost::asio::ip::tcp::socket socket, std::uint64_t id)
@@ -150,7 +157,7 @@ void HttpSession::serveFile(const Request& request, std::string_view host) {
         return;
     }
     const bool page = isPage(found.file);
-    if (page && !tokenMatches(target.query, mCore.token())) {
+    if (page && !pageMayBeServed(target.query, mCore.token())) {
         mCore.warnThrottled("Refused a page request without the right token");
         refuse(&request, http::status::forbidden);
         return;
