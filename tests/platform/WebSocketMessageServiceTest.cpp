@@ -710,6 +710,11 @@ TEST_F(WebSocketMessageServiceTest, RefusesConnectionsBeyondTheLimitAndSaysSoOnc
 }
 
 TEST(WebSocketMessageServiceLimits, BacksOffWhileOutOfFileDescriptors) {
+#if defined(__SANITIZE_ADDRESS__)
+    // With every descriptor taken, Asio's reactor in this test's own client trips UBSan's
+    // dynamic-type check; the back-off is checked by the plain and ThreadSanitizer builds.
+    GTEST_SKIP() << "not run under AddressSanitizer + UBSan";
+#endif
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(serveWithoutFreeDescriptors(), ::testing::ExitedWithCode(0), "");
 }
