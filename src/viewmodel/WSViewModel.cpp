@@ -699,7 +699,7 @@ void WSViewModel::sortVariables() {
         std::erase_if(records, [&listed](const WSVariable& record) {
             return !listed->contains(record.name);
         });
-        WSVariableAlphabeticalSortComparator(ascending, column).sort(records);
+        WSVariableAlphabeticalSortComparator{ascending, column}.sort(records);
         std::vector<std::string> sorted;
         sorted.reserve(records.size());
         for (WSVariable& record : records)
