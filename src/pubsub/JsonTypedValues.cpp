@@ -746,8 +746,8 @@ std::int32_t readIntLikeStream(const std::string& text) {
 } // namespace
 
 int JsonTypedValues::parseObject(const char* begin, const char* end, json::Object& out) {
-    Parser parser(begin, end);
-    return parser.parseTopObject(out);
+    std::size_t ignored = 0;
+    return parseObject(begin, end, out, ignored);
 }
 
 int JsonTypedValues::parseObject(const char* begin, const char* end, json::Object& out,
@@ -759,8 +759,8 @@ int JsonTypedValues::parseObject(const char* begin, const char* end, json::Objec
 }
 
 int JsonTypedValues::parseArray(const char* begin, const char* end, json::Array& out) {
-    Parser parser(begin, end);
-    return parser.parseTopArray(out);
+    std::size_t ignored = 0;
+    return parseArray(begin, end, out, ignored);
 }
 
 int JsonTypedValues::parseArray(const char* begin, const char* end, json::Array& out,

@@ -124,14 +124,29 @@ TEST(WSViewModel, SortsByNameAndByColumnsInBothDirections) {
 
 namespace {
 
-// Four variables whose sizes order them b, d, c, a.
-void sizedVariables(ViewModelRig& rig) {
-    rig.host.recordFor = [](const std::string& name) {
-        const std::map<std::string, std::string> sizes = {
-            {"a", "5\u00D71"}, {"b", "1\u00D71"}, {"c", "3\u00D71"}, {"d", "2\u00D71"}};
+using Sizes = std::map<std::string, std::string>;
+
+// The host describes a, b, c and d with these sizes.
+void sizedRecords(ViewModelRig& rig, Sizes sizes) {
+    rig.host.recordFor = [sizes = std::move(sizes)](const std::string& name) {
         return WSVariable{.name = name, .size = sizes.at(name), .value = "v:" + name};
     };
+}
+
+// Four variables whose sizes order them b, d, c, a.
+void sizedVariables(ViewModelRig& rig) {
+    sizedRecords(rig, {{"a", "5\u00D71"}, {"b", "1\u00D71"}, {"c", "3\u00D71"}, {"d", "2\u00D71"}});
     rig.host.fire(batch(kChanged, {"a", "b", "c", "d"}));
+}
+
+// A page showing all four sized variables, sorted by Size ascending.
+GridClient& startSortedBySize(ViewModelRig& rig) {
+    sizedVariables(rig);
+    GridClient& client = rig.start();
+    client.range(10, 0, 3);
+    client.sort(2, true);
+    client.flush();
+    return client;
 }
 
 void edit(GridClient& client, int row, int column, const std::string& text) {
@@ -165,11 +180,7 @@ TEST(WSViewModel, SortsAndEditsCountColumnsAsThePagesShowThem) {
 // all use the same row order.
 TEST(WSViewModel, RefreshUnderAColumnSortKeepsEachRowOnTheVariableItShows) {
     ViewModelRig rig;
-    sizedVariables(rig);
-    GridClient& client = rig.start();
-    client.range(10, 0, 3);
-    client.sort(2, true);
-    client.flush();
+    GridClient& client = startSortedBySize(rig);
 
     const auto pages = client.during(
         [&] {
@@ -216,17 +227,10 @@ TEST(WSViewModel, LatePagesOfAnOlderOrderGoOutInTheCurrentOrder) {
 // answer with the new values shows them on the rows the variables stand on.
 TEST(WSViewModel, LateAnswersUnderAColumnSortKeepTheListedOrder) {
     ViewModelRig rig;
-    sizedVariables(rig);
-    GridClient& client = rig.start();
-    client.range(10, 0, 3);
-    client.sort(2, true);
-    client.flush();
+    GridClient& client = startSortedBySize(rig);
 
-    rig.host.recordFor = [](const std::string& name) { // now a, d, c, b by size
-        const std::map<std::string, std::string> sizes = {
-            {"a", "1\u00D71"}, {"b", "5\u00D71"}, {"c", "3\u00D71"}, {"d", "2\u00D71"}};
-        return WSVariable{.name = name, .size = sizes.at(name), .value = "v:" + name};
-    };
+    // now a, d, c, b by size
+    sizedRecords(rig, {{"a", "1\u00D71"}, {"b", "5\u00D71"}, {"c", "3\u00D71"}, {"d", "2\u00D71"}});
     rig.host.holdAnswers = true;
     rig.host.fire(batch(kChanged, {"a", "b", "c", "d"}));
     client.flush();
