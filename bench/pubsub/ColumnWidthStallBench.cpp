@@ -8,10 +8,8 @@
 #include <workspace_browser/pubsub/PubSubDSImpl.hpp>
 #include <workspace_browser/pubsub/PubSubVMImpl.hpp>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/websocket.hpp>
+#include "support/IgnoringObserver.hpp"
+#include "support/LoopbackPage.hpp"
 
 #include <benchmark/benchmark.h>
 
@@ -22,63 +20,14 @@
 #include <string>
 
 using namespace connector::message_service;
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace websocket = beast::websocket;
-using tcp = asio::ip::tcp;
 
 namespace {
 
-// One page on loopback: the handshake done and its hello read.
-class Page {
-public:
-    explicit Page(WebSocketMessageService& service) : mWs(mIoc) {
-        const std::string host = "127.0.0.1:" + std::to_string(service.port());
-        mWs.next_layer().connect(
-            tcp::endpoint(asio::ip::make_address("127.0.0.1"), service.port()));
-        mWs.next_layer().set_option(tcp::no_delay(true));
-        mWs.set_option(websocket::stream_base::decorator([host](websocket::request_type& req) {
-            req.set(beast::http::field::origin, "http://" + host);
-        }));
-        mWs.handshake(host, "/ws?token=" + service.token());
-        read();
-        mWs.text(true);
-    }
-    ~Page() {
-        beast::error_code ignored;
-        mWs.close(websocket::close_code::normal, ignored);
-    }
-    void write(const std::string& frame) { mWs.write(asio::buffer(frame)); }
-    void read() {
-        mBuffer.clear();
-        mWs.read(mBuffer);
-    }
-
-private:
-    asio::io_context mIoc;
-    websocket::stream<tcp::socket> mWs;
-    beast::flat_buffer mBuffer;
-};
-
 // Answers every data request at once with a size reply.
-class Answering : public DSObserver {
+class Answering : public wsb_bench::IgnoringObserver {
 public:
     explicit Answering(PubSubDSImpl& endpoint) : mEndpoint(endpoint) {}
     void handleClientGetData(const DSEvent&) override { mEndpoint.sizeUpdated(1, 1); }
-    void handleClientReady() override {}
-    void handleSetViewportRange(const DSEvent&) override {}
-    void handleClientGetSize() override {}
-    void handleClientSetData(const DSEvent&) override {}
-    void handleClientGetMetaData(const DSEvent&) override {}
-    void handleClientGetTableMetaData(const DSEvent&) override {}
-    void handleClientGetColumnMetaData(const DSEvent&) override {}
-    void handleClientGetRowMetaData(const DSEvent&) override {}
-    void handleClientGetCellMetaData(const DSEvent&) override {}
-    void handleClientSetTableMetaData(const DSModelEvent&) override {}
-    void handleClientSetColumnMetaData(const DSModelEvent&) override {}
-    void handleClientSetRowMetaData(const DSModelEvent&) override {}
-    void handleClientSetCellMetaData(const DSModelEvent&) override {}
-    void handleSortChanged(int, bool) override {}
 
 private:
     PubSubDSImpl& mEndpoint;
@@ -100,8 +49,8 @@ void BM_WidthStreamDelaysOtherPage(benchmark::State& state) {
         Answering answering(paging);
         paging.addDSObserver(&answering);
 
-        Page widths(*service);
-        Page reader(*service);
+        wsb_bench::LoopbackPage widths(*service);
+        wsb_bench::LoopbackPage reader(*service);
         reader.write(R"({"op":"subscribe","channel":"/ds"})");
         const std::string request =
             R"({"op":"publish","channel":"/ds","message":{"eventType":11,"startRow":0,"endRow":49}})";

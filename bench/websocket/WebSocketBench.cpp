@@ -3,22 +3,16 @@
 // what the envelope handling costs beyond moving the bytes.
 #include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/websocket.hpp>
+#include "support/LoopbackPage.hpp"
 
 #include <benchmark/benchmark.h>
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
 using namespace connector::message_service;
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace websocket = beast::websocket;
-using tcp = asio::ip::tcp;
 
 namespace {
 
@@ -40,47 +34,23 @@ std::string hundredRowPage() {
 // One server and one connected page on loopback.
 class Harness {
 public:
-    Harness() : mService(WebSocketMessageService::create({})), mWs(mIoc) {
+    Harness() : mService(WebSocketMessageService::create({})) {
         mService->start();
-        const std::string host = "127.0.0.1:" + std::to_string(mService->port());
-        mWs.next_layer().connect(
-            tcp::endpoint(asio::ip::make_address("127.0.0.1"), mService->port()));
-        mWs.next_layer().set_option(tcp::no_delay(true));
-        mWs.set_option(websocket::stream_base::decorator([host](websocket::request_type& req) {
-            req.set(beast::http::field::origin, "http://" + host);
-        }));
-        mWs.handshake(host, "/ws?token=" + mService->token());
-        const std::string hello = read();
-        const auto mark = hello.find("\"page\":\"");
-        mPageId = hello.substr(mark + 8, hello.find('"', mark + 8) - mark - 8);
-        mWs.text(true);
+        mPage.emplace(*mService);
     }
     ~Harness() {
-        beast::error_code ignored;
-        mWs.close(websocket::close_code::normal, ignored);
+        mPage.reset();
         mService->stop();
     }
 
     WebSocketMessageService& service() { return *mService; }
-    const std::string& pageId() const { return mPageId; }
-    void write(const std::string& frame) { mWs.write(asio::buffer(frame)); }
-    std::string read() {
-        mBuffer.clear();
-        mWs.read(mBuffer);
-        return beast::buffers_to_string(mBuffer.data());
-    }
-    // Reads the next frame and returns its size, without copying it.
-    std::size_t readSize() {
-        mBuffer.clear();
-        return mWs.read(mBuffer);
-    }
+    const std::string& pageId() const { return mPage->pageId(); }
+    void write(const std::string& frame) { mPage->write(frame); }
+    std::size_t readSize() { return mPage->readSize(); }
 
 private:
     std::shared_ptr<WebSocketMessageService> mService;
-    asio::io_context mIoc;
-    websocket::stream<tcp::socket> mWs;
-    beast::flat_buffer mBuffer;
-    std::string mPageId;
+    std::optional<wsb_bench::LoopbackPage> mPage;
 };
 
 void BM_PageRequestRoundTrip(benchmark::State& state) {
