@@ -147,6 +147,9 @@ test('sorts by Size on the server, both ways', async () => {
       await sortBy(page, 'Size', direction);
       const rows = await eventually(async () => {
         const current = await allRows(page);
+        // A row still waiting for its data has no name and an empty Size, which would pass
+        // for the smallest size.
+        assert.ok(current.every((r) => r.name), 'every row painted');
         const counts = current.map((r) => elements(r.cells.Size));
         const ordered = [...counts].sort((a, b) => (ascending ? a - b : b - a));
         assert.deepEqual(counts, ordered, `sizes in ${direction} order`);
