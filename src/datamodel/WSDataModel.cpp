@@ -1,5 +1,6 @@
 #include <workspace_browser/datamodel/WSDataModel.hpp>
 
+#include <workspace_browser/datamodel/WSColumn.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 
 #include <algorithm>
@@ -265,19 +266,8 @@ void WSDataModel::processCallbackForVariables(const std::vector<std::string>& va
 }
 
 std::string WSDataModel::getVariableValue(WSVariable variable, std::string field) {
-    static const std::pair<const char*, std::string WSVariable::*> kFields[] = {
-        {"Name", &WSVariable::name},       {"Size", &WSVariable::size},
-        {"Class", &WSVariable::className}, {"Value", &WSVariable::value},
-        {"Range", &WSVariable::range},     {"Min", &WSVariable::min},
-        {"Max", &WSVariable::max},         {"Mean", &WSVariable::mean},
-        {"Median", &WSVariable::median},   {"Mode", &WSVariable::mode},
-        {"Var", &WSVariable::var},         {"Std", &WSVariable::std},
-        {"Bytes", &WSVariable::bytes},
-    };
-    for (const auto& [key, member] : kFields) {
-        if (field == key)
-            return std::move(variable.*member);
-    }
+    if (const WSColumn* column = WSColumn::find(field))
+        return std::move(variable.*column->field);
     WSB_LOG(logger(), kLogLevel) << "WARNING getVariableValue field not found in variable: "
                                  << field;
     return {};

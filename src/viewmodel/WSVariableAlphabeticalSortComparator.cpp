@@ -1,5 +1,6 @@
 #include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
 
+#include <workspace_browser/datamodel/WSColumn.hpp>
 #include <workspace_browser/viewmodel/DisplayedNumber.hpp>
 #include <workspace_browser/viewmodel/TextAlphabeticalSortComparator.hpp>
 
@@ -10,45 +11,29 @@ namespace workspace_browser_startup {
 
 namespace {
 
-enum class Kind { unsorted, text, numeric };
+using Order = WSColumn::Order;
 
-// What a column key stands for: how its texts compare and which field holds them.
+// What a sort key stands for: how its texts compare and which field holds them. Unknown keys
+// compare no field, like Name and Value.
 struct Column {
-    Kind kind = Kind::unsorted;
+    Order order = Order::none;
     std::string WSVariable::*field = nullptr;
 };
 
-struct NumericColumn {
-    std::string_view key;
-    std::string WSVariable::*field;
-};
-
-constexpr NumericColumn kNumericColumns[] = {
-    {"Size", &WSVariable::size},   {"Min", &WSVariable::min},   {"Max", &WSVariable::max},
-    {"Range", &WSVariable::range}, {"Mean", &WSVariable::mean}, {"Median", &WSVariable::median},
-    {"Mode", &WSVariable::mode},   {"Std", &WSVariable::std},   {"Var", &WSVariable::var},
-    {"Bytes", &WSVariable::bytes},
-};
-
 Column lookUp(std::string_view key) noexcept {
-    if (key == "Class")
-        return {Kind::text, &WSVariable::className};
-    for (const auto& column : kNumericColumns) {
-        if (key == column.key)
-            return {Kind::numeric, column.field};
-    }
-    // Name, Value and unknown keys: no field takes part, so every pair compares equal.
+    if (const WSColumn* column = WSColumn::find(key))
+        return {column->order, column->field};
     return {};
 }
 
 bool before(const Column& column, bool ascending, const WSVariable& a,
             const WSVariable& b) noexcept {
-    switch (column.kind) {
-    case Kind::unsorted:
+    switch (column.order) {
+    case Order::none:
         return false;
-    case Kind::text:
+    case Order::text:
         return TextAlphabeticalSortComparator{ascending}(a.*column.field, b.*column.field);
-    case Kind::numeric:
+    case Order::numeric:
         break;
     }
     const std::string& textA = a.*column.field;
@@ -77,7 +62,7 @@ void WSVariableAlphabeticalSortComparator::sort(std::vector<WSVariable>& records
     const auto less = [&column, up](const WSVariable& a, const WSVariable& b) {
         return before(column, up, a, b);
     };
-    if (column.kind == Kind::numeric)
+    if (column.order == Order::numeric)
         std::stable_sort(records.begin(), records.end(), less);
     else
         std::sort(records.begin(), records.end(), less);
