@@ -1,9 +1,8 @@
 #include "PageSession.hpp"
 
+#include <workspace_browser/datamodel/WSColumn.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 #include <workspace_browser/platform/settings/Settings.hpp>
-
-#include <array>
 
 namespace wsbrowser {
 
@@ -17,12 +16,6 @@ const foundation::log::basic_diagnostic_logger& logger() {
     return instance;
 }
 
-constexpr std::array<const char16_t*, 13> kColumns = {
-    u"Name", u"Value",  u"Size", u"Class", u"Min", u"Max",  u"Range",
-    u"Mean", u"Median", u"Mode", u"Var",   u"Std", u"Bytes"};
-constexpr std::array<double, 13> kDefaultWidths = {160, 200, 90, 90, 80, 80, 80,
-                                                   80,  80,  80, 80, 80, 80};
-
 std::string joined(const std::vector<std::string>& names) {
     std::string text;
     for (const std::string& name : names)
@@ -33,11 +26,17 @@ std::string joined(const std::vector<std::string>& names) {
 } // namespace
 
 std::vector<std::u16string> PageSession::columnKeys() {
-    return std::vector<std::u16string>(kColumns.begin(), kColumns.end());
+    // Column keys are plain ASCII, so widening each byte is the whole conversion.
+    std::vector<std::u16string> keys;
+    for (const WSColumn& column : WSColumn::all())
+        keys.emplace_back(column.key.begin(), column.key.end());
+    return keys;
 }
 
 std::vector<double> PageSession::columnWidths() {
-    std::vector<double> widths(kDefaultWidths.begin(), kDefaultWidths.end());
+    std::vector<double> widths;
+    for (const WSColumn& column : WSColumn::all())
+        widths.push_back(column.defaultWidth);
     try {
         const auto node =
             settings::standalone::getSettingsRoot().node("zentra.desktop.workspace.columns");

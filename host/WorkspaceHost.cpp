@@ -6,11 +6,13 @@
 #include "HostPythonSource.hpp"
 
 #include <workspace_browser/datamodel/CallbackManager.hpp>
+#include <workspace_browser/datamodel/WSColumn.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <string_view>
 
 namespace wsbrowser {
 
@@ -26,7 +28,6 @@ const foundation::log::basic_diagnostic_logger& logger() {
 
 constexpr const char* kModuleName = "_wsbrowser_host";
 constexpr const char* kModuleFile = "<wsbrowser_host>";
-constexpr std::size_t kRecordFields = 16;
 
 // An owned reference; used only on the interpreter thread.
 class Ref {
@@ -135,20 +136,19 @@ WSVariable unavailable(const std::string& name) {
     return record;
 }
 
-bool recordFrom(PyObject* tuple, WSVariable& record) {
-    if (!tuple || !PyTuple_Check(tuple) ||
-        PyTuple_GET_SIZE(tuple) != static_cast<Py_ssize_t>(kRecordFields))
+// Fills a record from describe's answer, a dict keyed by column key. The answer comes from
+// Python code the user can reach, so a missing key or a value that is not text is an empty cell.
+bool recordFrom(PyObject* answer, WSVariable& record) {
+    if (!answer || !PyDict_Check(answer))
         return false;
-    std::string* const texts[] = {&record.name, &record.size, &record.className, &record.value};
-    for (std::size_t i = 0; i < 4; ++i)
-        *texts[i] = toUtf8(PyTuple_GET_ITEM(tuple, static_cast<Py_ssize_t>(i)));
-    record.isSummary = PyTuple_GET_ITEM(tuple, 4) == Py_True;
-    record.isDirty = PyTuple_GET_ITEM(tuple, 5) == Py_True;
-    std::string* const rest[] = {&record.iconClass, &record.min,    &record.max,  &record.range,
-                                 &record.mean,      &record.median, &record.mode, &record.std,
-                                 &record.var,       &record.bytes};
-    for (std::size_t i = 0; i < 10; ++i)
-        *rest[i] = toUtf8(PyTuple_GET_ITEM(tuple, static_cast<Py_ssize_t>(i + 6)));
+    const auto entry = [answer](std::string_view key) {
+        return PyDict_GetItemString(answer, std::string(key).c_str());
+    };
+    for (const WSColumn& column : WSColumn::all())
+        record.*column.field = toUtf8(entry(column.key));
+    record.isSummary = entry("isSummary") == Py_True;
+    record.isDirty = entry("isDirty") == Py_True;
+    record.iconClass = toUtf8(entry("iconClass"));
     return true;
 }
 

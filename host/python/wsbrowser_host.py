@@ -335,29 +335,27 @@ def _bytes_text(value):
 
 
 def describe(ns, name, fields, compute_stats, limit, show_all):
-    """One record in the host's field order:
-    (name, size, class, value, is_summary, is_dirty, icon, min, max, range, mean, median, mode,
-     std, var, bytes). A name that is no longer a shown variable comes back dirty."""
-    empty = [""] * 8
+    """One record, by column key ("Name", "Size", "Class", "Value", the statistics of
+    _STAT_FIELDS, "Bytes"), plus the flags "isSummary" and "isDirty" and the row's "iconClass".
+    The host fills its record by these keys, so a new column needs only its key here. A name
+    that is no longer a shown variable comes back dirty."""
     if name not in ns or not is_shown(name, ns[name], show_all):
-        return (name, "", "", "", False, True, "") + tuple(empty) + ("",)
+        return {"Name": name, "isDirty": True}
     value = ns[name]
-    size_text = _size_text(value)
     class_text = _class_text(value)
-    text, summary = ("", False)
+    record = {"Name": name, "Size": _size_text(value), "Class": class_text,
+              "isSummary": False, "isDirty": False,
+              "iconClass": _icon_class(value, class_text)}
     if "Value" in fields:
-        text, summary = _value_text(value, size_text, class_text)
-    stats = None
+        record["Value"], record["isSummary"] = _value_text(value, record["Size"], class_text)
     if compute_stats and any(f in fields for f in _STAT_FIELDS):
         try:
-            stats = _statistics(value, limit)
+            record.update(_statistics(value, limit) or {})
         except Exception:
-            stats = None
-    s = [stats[key] if stats else "" for key in ("Min", "Max", "Range", "Mean", "Median", "Mode",
-                                                  "Std", "Var")]
-    bytes_text = _bytes_text(value) if "Bytes" in fields else ""
-    return (name, size_text, class_text, text, summary, False,
-            _icon_class(value, class_text)) + tuple(s) + (bytes_text,)
+            pass
+    if "Bytes" in fields:
+        record["Bytes"] = _bytes_text(value)
+    return record
 
 
 # ----------------------------------------------------------------------------------------------

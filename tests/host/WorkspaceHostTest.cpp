@@ -226,6 +226,21 @@ TEST(WorkspaceHost, RenameAndEditChangeTheWorkspaceOrAreRefusedLosingNothing) {
     EXPECT_EQ(rig.fetchOne("b").value, "'keep'");
 }
 
+TEST(WorkspaceHost, RecordsAreFilledByColumnKeyAndAMalformedAnswerLosesOnlyItsCells) {
+    HostRig rig;
+    // Replace the helper's describe the way user code could reach it.
+    rig.run("import sys\n"
+            "helper = sys.modules['_wsbrowser_host']\n"
+            "helper.describe = lambda ns, name, *rest: (\n"
+            "    {'Var': 'v', 'Std': 's', 'Name': name, 'Size': 7, 'isDirty': 1, 'Extra': 'x'}\n"
+            "    if name == 'a' else ['not', 'a', 'record'])\n"
+            "a = b = 1\n");
+    const WSVariable a = rig.fetchOne("a");
+    EXPECT_EQ(a, (WSVariable{.name = "a", .std = "s", .var = "v"}))
+        << "keys, not positions, say which field a text fills; text only, True only";
+    EXPECT_EQ(rig.fetchOne("b").value, "<unavailable>");
+}
+
 TEST(WorkspaceHost, MisbehavingObjectsGetPlaceholdersAndTheHostCarriesOn) {
     HostRig rig({.reprBudget = std::chrono::milliseconds(200)});
     rig.run("class Raises:\n"
