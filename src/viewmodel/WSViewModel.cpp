@@ -1,5 +1,6 @@
 #include <workspace_browser/viewmodel/WSViewModel.hpp>
 
+#include <workspace_browser/datamodel/WSColumn.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 #include <workspace_browser/platform/i18n/MessageCatalog.hpp>
 #include <workspace_browser/platform/i18n/MessageID.hpp>
@@ -12,6 +13,7 @@
 #include <boost/locale/encoding_utf.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <exception>
 #include <limits>
@@ -935,37 +937,22 @@ WSVariable WSViewModel::clientRecord(const WSVariable& variable,
         if (logCells)
             WSB_LOG(logger(), kLogLevel) << "client value: " << client.value;
     }
-    // The read-only cells. Size and Class also carry the variable's name for the client's
-    // editor, the statistics do not.
-    struct ReadOnlyCell {
-        const char* key;
-        std::string WSVariable::*field;
-        const char* label;
-        bool withName;
-    };
-    static const ReadOnlyCell kReadOnlyCells[] = {
-        {"Size", &WSVariable::size, "client size: ", true},
-        {"Class", &WSVariable::className, "client class: ", true},
-        {"Min", &WSVariable::min, "client min: ", false},
-        {"Max", &WSVariable::max, "client max: ", false},
-        {"Range", &WSVariable::range, "client range: ", false},
-        {"Mean", &WSVariable::mean, "client mean: ", false},
-        {"Median", &WSVariable::median, "client median: ", false},
-        {"Mode", &WSVariable::mode, "client mode: ", false},
-        {"Var", &WSVariable::var, "client var: ", false},
-        {"Std", &WSVariable::std, "client std: ", false},
-        {"Bytes", &WSVariable::bytes, "client bytes: ", false},
-    };
-    for (const ReadOnlyCell& spec : kReadOnlyCells) {
-        if (visible.count(spec.key) == 0)
+    // The read-only cells, in the table's order. Size and Class also carry the variable's name
+    // for the client's editor, the statistics and Bytes do not.
+    for (const WSColumn& column : WSColumn::all()) {
+        if (column.editable || visible.count(std::string(column.key)) == 0)
             continue;
-        Object fields{{CELL_VALUE, variable.*spec.field}, {CELL_EDITABLE, false}};
-        if (spec.withName)
+        Object fields{{CELL_VALUE, variable.*column.field}, {CELL_EDITABLE, false}};
+        if (column.key == "Size" || column.key == "Class")
             fields[CELL_EDITOR_VALUE] = variable.name;
-        std::string& cell = client.*spec.field;
+        std::string& cell = client.*column.field;
         cell = cellText(std::move(fields));
-        if (logCells)
-            WSB_LOG(logger(), kLogLevel) << spec.label << cell;
+        if (logCells) {
+            std::string label(column.key);
+            std::transform(label.begin(), label.end(), label.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+            WSB_LOG(logger(), kLogLevel) << "client " << label << ": " << cell;
+        }
     }
     return client;
 }
@@ -1246,19 +1233,19 @@ void WSViewModel::publishColumnModelProps(std::shared_ptr<DSEvent> event, bool u
         Object properties;
         // Fewer widths than columns is a settings error: std::out_of_range, nothing published.
         properties["ColumnWidth"] = widths.at(i);
-        properties["HeaderName"] = toUtf8(
-            fl::i18n::MessageCatalog::get_message(fl::i18n::MessageID(kHeaderMessagePrefix + key)));
-        properties["IsSortable"] = sortable;
-        properties[CELL_EDITABLE] = false;
-        if (key == kNameColumn) {
-            properties[CELL_EDITABLE] = true;
+        // A key the table does not know (a host may pass any) is a read-only, sortable column
+        // whose header is looked up under the usual prefix.
+        const WSColumn* column = WSColumn::find(key);
+        const std::string headerId =
+            column ? std::string(column->headerMessageId) : kHeaderMessagePrefix + key;
+        properties["HeaderName"] =
+            toUtf8(fl::i18n::MessageCatalog::get_message(fl::i18n::MessageID(headerId)));
+        // The name column sorts even when the others no longer do; a value has no order.
+        const bool unordered = column && column->order == WSColumn::Order::none;
+        properties["IsSortable"] = key == kNameColumn || (sortable && !unordered);
+        properties[CELL_EDITABLE] = column && column->editable;
+        if (key == kNameColumn)
             properties["DataAttributes"] = "IconLabelNameColumn";
-            properties["IsSortable"] = true;
-        }
-        if (key == kValueColumn) {
-            properties["IsSortable"] = false;
-            properties[CELL_EDITABLE] = true;
-        }
         list.push_back(
             DSModelEventData{0, toInt32(static_cast<std::int64_t>(i)), std::move(properties)});
     }
