@@ -23,6 +23,14 @@ std::string joined(const std::vector<std::string>& names) {
     return text;
 }
 
+// Column keys are plain ASCII, so narrowing each unit is the whole conversion.
+std::vector<std::string> keysAsText(const std::vector<std::u16string>& keys) {
+    std::vector<std::string> texts;
+    for (const std::u16string& key : keys)
+        texts.emplace_back(key.begin(), key.end());
+    return texts;
+}
+
 } // namespace
 
 std::vector<std::u16string> PageSession::columnKeys() {
@@ -61,6 +69,8 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
     if (options.console)
         mConsole = std::make_unique<ConsoleChannel>(service, "/Console/" + mPageId, host);
     const auto columns = columnKeys();
+    mColumns =
+        std::make_unique<ColumnsChannel>(service, "/Columns/" + mPageId, keysAsText(columns));
     std::weak_ptr<WorkspaceHost> weakHost = host;
     ViewModelCallback rename = [weakHost](std::string oldName, std::string newName) {
         if (auto alive = weakHost.lock())
@@ -91,6 +101,8 @@ PageSession::~PageSession() {
 void PageSession::shutdown() {
     if (mConsole)
         mConsole->close();
+    if (mColumns)
+        mColumns->close();
     if (mViewModel)
         mViewModel->onPreShutdown();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ColumnsChannel.hpp"
 #include "ConsoleChannel.hpp"
 #include "WorkspaceHost.hpp"
 
@@ -14,7 +15,8 @@
 namespace wsbrowser {
 
 // What one connected browser page gets: a workspace view model on "/WorkspaceBrowser/<pageId>"
-// showing all 13 columns, and, unless consoles are off, a console on "/Console/<pageId>".
+// showing every column of the column table, "/Columns/<pageId>" telling the page which key each
+// column position holds, and, unless consoles are off, a console on "/Console/<pageId>".
 // The view model's rename and edit requests go to the workspace; selection and count are
 // logged. Thread-safe as far as its parts are; shutdown() and destruction must not run on the
 // service's delivery thread nor on the view model's own queue.
@@ -50,6 +52,7 @@ public:
 private:
     std::string mPageId;
     std::unique_ptr<ConsoleChannel> mConsole;
+    std::unique_ptr<ColumnsChannel> mColumns;
     std::unique_ptr<workspace_browser_startup::WSViewModel> mViewModel;
 };
 

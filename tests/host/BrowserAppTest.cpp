@@ -18,11 +18,11 @@ namespace {
 
 using Service = connector::message_service::LocalMessageService;
 
-// A page's console as the page sees it.
-class ConsolePage {
+// One of a page's request channels as the page sees it.
+class ChannelPage {
 public:
-    ConsolePage(const std::shared_ptr<Service>& service, const std::string& pageId)
-        : mService(service), mChannel("/Console/" + pageId), mReplies(service, mChannel) {}
+    ChannelPage(const std::shared_ptr<Service>& service, std::string channel)
+        : mService(service), mChannel(std::move(channel)), mReplies(service, mChannel) {}
     // Sends raw text and waits for the answer.
     GridClient::Message send(const std::string& text) {
         const std::size_t from = mReplies.count();
@@ -79,7 +79,7 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
     rig.workspace.run("import numpy as np\nm = np.arange(12.0).reshape(3, 4)\ns = 'text'\n");
     rig.app->pageConnected("p1");
     GridClient grid(rig.service, "/WorkspaceBrowser/p1");
-    ConsolePage console(rig.service, "p1");
+    ChannelPage console(rig.service, "/Console/p1");
 
     const auto isSize = GridClient::is("eventType", 1);
     grid.paging(R"({"eventType":13})");
@@ -100,6 +100,14 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
     EXPECT_EQ(GridClient::column(page, 2)[0], "3" + kTimes + "4");
     EXPECT_EQ(GridClient::column(page, 3), (Names{"double", "char"}));
     EXPECT_EQ(GridClient::column(page, 7)[0], "5.5"); // mean
+
+    // The page learns which key each column position holds; anything else goes unanswered.
+    ChannelPage columns(rig.service, "/Columns/p1");
+    rig.service->publishFromClient("/Columns/p1", R"({"get":"rows"})");
+    EXPECT_EQ(columns.send(R"({"get":"columns"})").text,
+              R"({"columns":["Name","Value","Size","Class","Min","Max","Range","Mean","Median",)"
+              R"("Mode","Var","Std","Bytes"]})");
+    EXPECT_EQ(columns.count(), 1U);
 
     // Console code changes the workspace; the grid hears of it and the watcher reports it.
     const auto reply = console.send(R"({"code":"k = 3\nk * 2"})");

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <workspace_browser/platform/message_service/MessageService.hpp>
+#include <workspace_browser/platform/message_service/Subscription.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace wsbrowser {
+
+// Tells one page which column each grid position holds. The grid's column metadata numbers the
+// columns without naming them, so the page asks here with {"get":"columns"} and is answered
+// {"columns":["Name","Value",...]}: the visible column keys in the order the metadata and the
+// data pages number them. Anything else published here is logged and ignored.
+// Thread-safe: requests arrive on the service's delivery thread; close(), from any thread,
+// ends the subscription.
+class ColumnsChannel {
+public:
+    ColumnsChannel(connector::message_service::MessageService::Ptr service, std::string channel,
+                   std::vector<std::string> keys);
+    ~ColumnsChannel();
+    ColumnsChannel(const ColumnsChannel&) = delete;
+    ColumnsChannel& operator=(const ColumnsChannel&) = delete;
+
+    void close();
+
+private:
+    std::shared_ptr<connector::message_service::Subscription> mSubscription;
+};
+
+} // namespace wsbrowser
