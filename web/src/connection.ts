@@ -11,6 +11,8 @@ export interface Channels {
   /** Paging requests go here, and the paging replies come back on it. */
   paging: string;
   console: string;
+  /** The host answers here which key each column position holds. */
+  columns: string;
 }
 
 export interface ConnectionHandlers {
@@ -65,6 +67,7 @@ export function channelsOf(pageId: string): Channels {
     viewModel: `/WorkspaceBrowser/${pageId}`,
     paging: `/WorkspaceBrowser/${pageId}_who`,
     console: `/Console/${pageId}`,
+    columns: `/Columns/${pageId}`,
   };
 }
 

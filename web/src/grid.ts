@@ -23,11 +23,11 @@ import {
   type ValueSetterParams,
 } from 'ag-grid-community';
 import {
-  COLUMN_KEYS,
   Reply,
   Request,
   inRanges,
   isObject,
+  readColumnKeys,
   readColumns,
   readData,
   readRanges,
@@ -109,8 +109,11 @@ function nameCell(params: ICellRendererParams<Row>): HTMLElement {
 export class WorkspaceGrid {
   readonly api: GridApi<Row>;
   private columns: ColumnInfo[] = [];
-  private columnKeys: readonly string[] = COLUMN_KEYS;
-  private columnCount: number = COLUMN_KEYS.length;
+  // The key of each column position, as the host tells it; empty until it has.
+  private columnKeys: readonly string[] = [];
+  // Data and column metadata that came before the keys, read once the keys are known.
+  private unreadPaging: Record<string, unknown>[] = [];
+  private columnCount = 0;
   private count: number | null = null;
   private datasourceSet = false;
   private pending = new Map<string, PendingBlock>();
@@ -217,6 +220,12 @@ export class WorkspaceGrid {
       console.warn('Ignoring a paging message that is not an object:', message);
       return;
     }
+    const needsKeys = message.eventType === Reply.data || message.eventType === Reply.columns;
+    if (needsKeys && this.columnKeys.length === 0) {
+      // Bounded: a server that never names its columns cannot make the page grow.
+      if (this.unreadPaging.length < 256) this.unreadPaging.push(message);
+      return;
+    }
     switch (message.eventType) {
       case Reply.size: {
         const size = readSize(message);
@@ -231,7 +240,7 @@ export class WorkspaceGrid {
         break;
       }
       case Reply.columns: {
-        const columns = readColumns(message);
+        const columns = readColumns(message, this.columnKeys);
         if (columns && columns.length > 0) this.onColumns(columns);
         else console.warn('Ignoring malformed column metadata:', message);
         break;
@@ -241,6 +250,17 @@ export class WorkspaceGrid {
       default:
         break; // row and cell metadata carry nothing this grid shows
     }
+  }
+
+  /** The host's answer on the columns channel. */
+  onColumnKeys(message: unknown): void {
+    const keys = readColumnKeys(message);
+    if (!keys) {
+      console.warn('Ignoring a malformed list of column keys:', message);
+      return;
+    }
+    this.columnKeys = keys;
+    for (const held of this.unreadPaging.splice(0)) this.onPaging(held);
   }
 
   onViewModel(message: unknown): void {
@@ -286,7 +306,6 @@ export class WorkspaceGrid {
   private onColumns(columns: ColumnInfo[]): void {
     this.columns = columns;
     this.reportedWidths.clear();
-    this.columnKeys = COLUMN_KEYS.map((k, i) => columns.find((c) => c.index === i)?.key ?? k);
     const sort = this.currentSort() ?? this.serverSort;
     const defs: ColDef<Row>[] = columns.map((column) => ({
       colId: column.key,
@@ -375,7 +394,7 @@ export class WorkspaceGrid {
 
   private sendSort(sort: SortState): void {
     const column = this.columns.find((c) => c.key === sort.column);
-    const index = column ? column.index : COLUMN_KEYS.indexOf(sort.column as (typeof COLUMN_KEYS)[number]);
+    const index = column ? column.index : this.columnKeys.indexOf(sort.column);
     if (index < 0) return;
     if (this.out.paging({ eventType: Request.setSortColumn, column: index, ascending: sort.ascending })) {
       this.serverSort = sort;

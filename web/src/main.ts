@@ -55,6 +55,7 @@ function deliver(channel: keyof Channels, message: unknown): void {
   // A bad message must not take the page down with it.
   try {
     if (channel === 'console') commands.onMessage(message);
+    else if (channel === 'columns' && grid) grid.onColumnKeys(message);
     else if (!grid) early.push([channel, message]);
     else if (channel === 'paging') grid.onPaging(message);
     else grid.onViewModel(message);
@@ -68,6 +69,8 @@ connection = new Connection(url, {
     // A new page id: whatever was held for the old one means nothing now.
     open = true;
     early.length = 0;
+    // Asked first: the grid can read no column until it knows which key each position holds.
+    connection.publish('columns', { get: 'columns' });
     grid?.connected();
   },
   onState: (state, text) => {

@@ -2,12 +2,6 @@
 // into them. Every reader here returns null (or skips an element) instead of throwing, so a
 // malformed message can be logged and dropped without disturbing the page.
 
-/** Column keys in the order the host lays its columns out; metadata only numbers them. */
-export const COLUMN_KEYS = [
-  'Name', 'Value', 'Size', 'Class', 'Min', 'Max', 'Range',
-  'Mean', 'Median', 'Mode', 'Var', 'Std', 'Bytes',
-] as const;
-
 /** Codes of the requests the page sends on its paging channel. */
 export const Request = {
   setViewport: 10,
@@ -120,7 +114,23 @@ export function readData(message: Json, columns: readonly string[]): DataReply |
   };
 }
 
-export function readColumns(message: Json): ColumnInfo[] | null {
+/**
+ * The host's answer on the columns channel: the key of each column position, in the order the
+ * column metadata and the data pages number the columns. Null unless it is a list of distinct,
+ * non-empty texts.
+ */
+export function readColumnKeys(message: unknown): string[] | null {
+  if (!isObject(message) || !Array.isArray(message.columns)) return null;
+  const keys = message.columns;
+  if (!keys.every((k): k is string => typeof k === 'string' && k !== '')) return null;
+  return new Set(keys).size === keys.length ? keys : null;
+}
+
+/**
+ * Column metadata, each column named by its position in `keys` (the host's answer on the
+ * columns channel). A column whose position has no key is left out rather than guessed.
+ */
+export function readColumns(message: Json, keys: readonly string[]): ColumnInfo[] | null {
   if (!Array.isArray(message.properties)) return null;
   const columns: ColumnInfo[] = [];
   for (const item of message.properties) {
@@ -128,7 +138,7 @@ export function readColumns(message: Json): ColumnInfo[] | null {
     const number = int(item.ColumnNumber);
     if (number === null || number < 1) continue;
     const index = number - 1;
-    const key = item.DataAttributes === 'IconLabelNameColumn' ? 'Name' : COLUMN_KEYS[index];
+    const key = keys[index];
     if (key === undefined || columns.some((c) => c.key === key)) continue;
     const width = typeof item.ColumnWidth === 'number' && item.ColumnWidth > 0 ? item.ColumnWidth : 100;
     columns.push({
