@@ -17,6 +17,7 @@
 #include <workspace_browser/platform/i18n/MessageCatalog.hpp>
 #include <workspace_browser/platform/i18n/MessageID.hpp>
 #include <workspace_browser/platform/settings/Settings.hpp>
+#include <workspace_browser/datamodel/WSColumn.hpp>
 #include <workspace_browser/datamodel/WSDataModel.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 #include <workspace_browser/threadutil/OrderedWorkQueue.hpp>

@@ -53,25 +53,6 @@ namespace {
 const foundation::log::basic_diagnostic_logger gLogger("zentra::datatools::PubSubDS");
 constexpr int kLevel = foundation::log::kOrdinary;
 
-// Client message codes.
-enum ClientMessage : std::int32_t {
-    CLIENT_MSG_SET_VIEWPORT = 10,
-    CLIENT_MSG_GET_DATA = 11,
-    CLIENT_MSG_SET_DATA = 12,
-    CLIENT_MSG_GET_SIZE = 13,
-    CLIENT_MSG_GET_METADATA = 14,
-    CLIENT_MSG_SET_TABLE_METADATA = 15,
-    CLIENT_MSG_SET_COL_METADATA = 16,
-    CLIENT_MSG_SET_ROW_METADATA = 17,
-    CLIENT_MSG_SET_CELL_METADATA = 18,
-    CLIENT_MSG_SET_READY = 19,
-    CLIENT_MSG_GET_TABLE_METADATA = 20,
-    CLIENT_MSG_GET_COL_METADATA = 21,
-    CLIENT_MSG_GET_ROW_METADATA = 22,
-    CLIENT_MSG_GET_CELL_METADATA = 23,
-    CLIENT_MSG_SET_SORT_COLUMN = 24,
-};
-
 // Server message types.
 constexpr int kSizeUpdated = 1;
 constexpr int kDataUpdated = 2;
@@ -162,6 +143,70 @@ Object PubSubDSImpl::convertMessageToJson(const JsonMessage& message) {
     return result;
 }
 
+namespace {
+
+// What the endpoint does with each client request code: the name it logs ("Handling " and the
+// name), what it reads from the message beyond the range, and which observer handler it calls.
+// The metadata changes a client may send are accepted and logged, but nothing on the server acts
+// on them yet: they have no handler.
+struct Route {
+    std::int32_t code;
+    const char* name;
+    void (*decode)(Object& msg, DSEvent& event);
+    void (*deliver)(DSObserver& observer, DSEvent& event, Object& msg);
+};
+
+// An edit names one cell: both ends of the range are that cell, and the text is its data.
+void decodeEdit(Object& msg, DSEvent& event) {
+    event.startRow = event.endRow =
+        JsonTypedValues::toInt32(msg[PubSubDSImpl::EVENT_TYPE_EDIT_ROW]);
+    event.startColumn = event.endColumn =
+        JsonTypedValues::toInt32(msg[PubSubDSImpl::EVENT_TYPE_EDIT_COLUMN]);
+    event.data.emplace_back(JsonTypedValues::toString(msg[PubSubDSImpl::EVENT_TYPE_EDIT_DATA]));
+}
+
+constexpr Route kRoutes[] = {
+    {10, "CLIENT_MSG_SET_VIEWPORT", nullptr,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleSetViewportRange(e); }},
+    {11, "CLIENT_MSG_GET_DATA", nullptr,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleClientGetData(e); }},
+    {12, "CLIENT_MSG_SET_DATA", decodeEdit,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleClientSetData(e); }},
+    {13, "CLIENT_MSG_GET_SIZE", nullptr,
+     [](DSObserver& o, DSEvent&, Object&) { o.handleClientGetSize(); }},
+    {14, "CLIENT_MSG_GET_METADATA", nullptr,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleClientGetMetaData(e); }},
+    {15, "CLIENT_MSG_SET_TABLE_METADATA", nullptr, nullptr},
+    {16, "CLIENT_MSG_SET_COL_METADATA", nullptr, nullptr},
+    {17, "CLIENT_MSG_SET_ROW_METADATA", nullptr, nullptr},
+    {18, "CLIENT_MSG_SET_CELL_METADATA", nullptr, nullptr},
+    {19, "CLIENT_MSG_SET_READY", nullptr,
+     [](DSObserver& o, DSEvent&, Object&) { o.handleClientReady(); }},
+    {20, "CLIENT_MSG_GET_TABLE_METADATA", nullptr,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleClientGetTableMetaData(e); }},
+    {21, "CLIENT_MSG_GET_COL_METADATA", nullptr,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleClientGetColumnMetaData(e); }},
+    {22, "CLIENT_MSG_GET_ROW_METADATA", nullptr,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleClientGetRowMetaData(e); }},
+    {23, "CLIENT_MSG_GET_CELL_METADATA", nullptr,
+     [](DSObserver& o, DSEvent& e, Object&) { o.handleClientGetCellMetaData(e); }},
+    {24, "CLIENT_MSG_SET_SORT_COLUMN", nullptr,
+     [](DSObserver& o, DSEvent&, Object& msg) {
+         o.handleSortChanged(JsonTypedValues::toInt32(msg[PubSubDSImpl::EVENT_TYPE_SORT_COLUMN]),
+                             JsonTypedValues::toBool(msg[PubSubDSImpl::EVENT_TYPE_SORT_ASCENDING]));
+     }},
+};
+
+const Route* findRoute(std::int32_t code) {
+    for (const Route& route : kRoutes) {
+        if (route.code == code)
+            return &route;
+    }
+    return nullptr;
+}
+
+} // namespace
+
 void PubSubDSImpl::martialMessage(const JsonMessage& message) {
     Object msg = convertMessageToJson(message);
 
@@ -189,86 +234,20 @@ void PubSubDSImpl::martialMessage(const JsonMessage& message) {
     event.fullStartColumn = startColumn;
     event.fullEndColumn = endColumn;
 
+    const Route* route = findRoute(eventType);
+    if (!route) {
+        WSB_LOG(gLogger, kLevel) << "ERROR: Unknown message type: " << eventType;
+        return;
+    }
+    WSB_LOG(gLogger, kLevel) << "Handling " << route->name;
+    if (route->decode)
+        route->decode(msg, event);
+    if (!route->deliver)
+        return;
     // Kept among the recent requests just before the observers see it, once its data is
     // complete, so that the byte bound counts an edit's text.
-    const auto notify = [this, &held](auto&& call) {
-        recentEvents->keep(held);
-        observers.forEach(call);
-    };
-
-    switch (eventType) {
-    case CLIENT_MSG_SET_VIEWPORT:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_VIEWPORT";
-        notify([&](DSObserver& o) { o.handleSetViewportRange(event); });
-        break;
-    case CLIENT_MSG_GET_DATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_DATA";
-        notify([&](DSObserver& o) { o.handleClientGetData(event); });
-        break;
-    case CLIENT_MSG_SET_DATA: {
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_DATA";
-        // An edit names one cell: both ends of the range are that cell.
-        event.startRow = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_ROW]);
-        event.endRow = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_ROW]);
-        event.startColumn = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_COLUMN]);
-        event.endColumn = JsonTypedValues::toInt32(msg[EVENT_TYPE_EDIT_COLUMN]);
-        event.data.emplace_back(JsonTypedValues::toString(msg[EVENT_TYPE_EDIT_DATA]));
-        notify([&](DSObserver& o) { o.handleClientSetData(event); });
-        break;
-    }
-    case CLIENT_MSG_GET_SIZE:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_SIZE";
-        notify([](DSObserver& o) { o.handleClientGetSize(); });
-        break;
-    case CLIENT_MSG_GET_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_METADATA";
-        notify([&](DSObserver& o) { o.handleClientGetMetaData(event); });
-        break;
-    // The client may send metadata changes, but nothing on the server acts on them yet: they are
-    // accepted and logged only.
-    case CLIENT_MSG_SET_TABLE_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_TABLE_METADATA";
-        break;
-    case CLIENT_MSG_SET_COL_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_COL_METADATA";
-        break;
-    case CLIENT_MSG_SET_ROW_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_ROW_METADATA";
-        break;
-    case CLIENT_MSG_SET_CELL_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_CELL_METADATA";
-        break;
-    case CLIENT_MSG_SET_READY:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_READY";
-        notify([](DSObserver& o) { o.handleClientReady(); });
-        break;
-    case CLIENT_MSG_GET_TABLE_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_TABLE_METADATA";
-        notify([&](DSObserver& o) { o.handleClientGetTableMetaData(event); });
-        break;
-    case CLIENT_MSG_GET_COL_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_COL_METADATA";
-        notify([&](DSObserver& o) { o.handleClientGetColumnMetaData(event); });
-        break;
-    case CLIENT_MSG_GET_ROW_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_ROW_METADATA";
-        notify([&](DSObserver& o) { o.handleClientGetRowMetaData(event); });
-        break;
-    case CLIENT_MSG_GET_CELL_METADATA:
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_GET_CELL_METADATA";
-        notify([&](DSObserver& o) { o.handleClientGetCellMetaData(event); });
-        break;
-    case CLIENT_MSG_SET_SORT_COLUMN: {
-        WSB_LOG(gLogger, kLevel) << "Handling CLIENT_MSG_SET_SORT_COLUMN";
-        const std::int32_t column = JsonTypedValues::toInt32(msg[EVENT_TYPE_SORT_COLUMN]);
-        const bool ascending = JsonTypedValues::toBool(msg[EVENT_TYPE_SORT_ASCENDING]);
-        notify([&](DSObserver& o) { o.handleSortChanged(column, ascending); });
-        break;
-    }
-    default:
-        WSB_LOG(gLogger, kLevel) << "ERROR: Unknown message type: " << eventType;
-        break;
-    }
+    recentEvents->keep(held);
+    observers.forEach([&](DSObserver& observer) { route->deliver(observer, event, msg); });
 }
 
 std::vector<std::string> PubSubDSImpl::getMapKeys(std::map<std::string, std::string> map) {

@@ -2,6 +2,7 @@
 
 #include <workspace_browser/datamodel/WSDataModel.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
+#include <workspace_browser/threadutil/OrderedWorkQueue.hpp>
 
 #include <exception>
 #include <stdexcept>

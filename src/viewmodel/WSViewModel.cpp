@@ -8,6 +8,7 @@
 #include <workspace_browser/platform/json/Value.hpp>
 #include <workspace_browser/pubsub/DSModelEventData.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
+#include <workspace_browser/threadutil/OrderedWorkQueue.hpp>
 #include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
 
 #include <boost/locale/encoding_utf.hpp>

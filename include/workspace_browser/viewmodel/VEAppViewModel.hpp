@@ -3,7 +3,6 @@
 #include <workspace_browser/Export.hpp>
 #include <workspace_browser/datamodel/Connection.hpp>
 #include <workspace_browser/datamodel/EventInfo.hpp>
-#include <workspace_browser/threadutil/OrderedWorkQueue.hpp>
 #include <workspace_browser/viewmodel/ViewModel.hpp>
 
 #include <condition_variable>
@@ -18,6 +17,11 @@
 namespace connector::message_service {
 class MessageService;
 }
+
+namespace threadutil {
+// Held by pointer only: the queue's header brings Boost.Thread's futures along.
+class OrderedWorkQueue;
+} // namespace threadutil
 
 namespace workspace_browser_startup {
 

@@ -12,7 +12,6 @@
 #include <workspace_browser/pubsub/DSModelEvent.hpp>
 #include <workspace_browser/pubsub/PubSubDSImpl.hpp>
 #include <workspace_browser/pubsub/PubSubVMImpl.hpp>
-#include <workspace_browser/threadutil/OrderedWorkQueue.hpp>
 #include <workspace_browser/viewmodel/RowRange.hpp>
 #include <workspace_browser/viewmodel/TextAlphabeticalSortComparator.hpp>
 #include <workspace_browser/viewmodel/ViewModel.hpp>
@@ -26,6 +25,11 @@
 #include <string>
 #include <unordered_set>
 #include <vector>
+
+namespace threadutil {
+// Held by pointer only: the queue's header brings Boost.Thread's futures along.
+class OrderedWorkQueue;
+} // namespace threadutil
 
 namespace workspace_browser_startup {
 
