@@ -24,7 +24,7 @@ BrowserApp::BrowserApp(std::shared_ptr<WorkspaceHost> host,
     if (mOptions.watch) {
         auto sink = mOptions.watchSink;
         mWatcher = std::make_unique<VEAppViewModel>(mService, "wsbrowser-watch", mDataModel,
-                                                    [sink](std::vector<std::string> change) {
+                                                    [sink](const std::vector<std::string>& change) {
                                                         if (sink)
                                                             sink(describeChange(change));
                                                     });

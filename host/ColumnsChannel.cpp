@@ -27,8 +27,8 @@ bool isColumnsRequest(std::string_view text) {
 
 } // namespace
 
-ColumnsChannel::ColumnsChannel(connector::message_service::MessageService::Ptr service,
-                               std::string channel, std::vector<std::string> keys) {
+ColumnsChannel::ColumnsChannel(const connector::message_service::MessageService::Ptr& service,
+                               const std::string& channel, std::vector<std::string> keys) {
     foundation::json::Array list;
     for (std::string& key : keys)
         list.emplace_back(std::move(key));

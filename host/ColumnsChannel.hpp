@@ -17,8 +17,8 @@ namespace wsbrowser {
 // ends the subscription.
 class ColumnsChannel {
 public:
-    ColumnsChannel(connector::message_service::MessageService::Ptr service, std::string channel,
-                   std::vector<std::string> keys);
+    ColumnsChannel(const connector::message_service::MessageService::Ptr& service,
+                   const std::string& channel, std::vector<std::string> keys);
     ~ColumnsChannel();
     ColumnsChannel(const ColumnsChannel&) = delete;
     ColumnsChannel& operator=(const ColumnsChannel&) = delete;

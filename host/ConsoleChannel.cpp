@@ -47,24 +47,26 @@ ConsoleChannel::ConsoleChannel(connector::message_service::MessageService::Ptr s
     mState->service = std::move(service);
     mState->channel = std::move(channel);
     std::weak_ptr<State> weak = mState;
-    auto onMessage = [weak, host](const connector::message_service::JsonMessage& message) {
-        auto state = weak.lock();
-        if (!state)
-            return;
-        foundation::json::Object object;
-        const std::string_view text = message.text();
-        const int result = workspace_browser_startup::JsonTypedValues::parseObject(
-            text.data(), text.data() + text.size(), object);
-        const auto code = object.find("code");
-        if (result != 0 || code == object.end() || !code->second.is<std::string>()) {
-            state->publish("A console message must be an object with a \"code\" text.\n", true);
-            return;
-        }
-        host->runCode(code->second.get<std::string>(), [weak](std::string output, bool failed) {
-            if (auto alive = weak.lock())
-                alive->publish(output, failed);
-        });
-    };
+    auto onMessage =
+        [weak, host = std::move(host)](const connector::message_service::JsonMessage& message) {
+            auto state = weak.lock();
+            if (!state)
+                return;
+            foundation::json::Object object;
+            const std::string_view text = message.text();
+            const int result = workspace_browser_startup::JsonTypedValues::parseObject(
+                text.data(), text.data() + text.size(), object);
+            const auto code = object.find("code");
+            if (result != 0 || code == object.end() || !code->second.is<std::string>()) {
+                state->publish("A console message must be an object with a \"code\" text.\n", true);
+                return;
+            }
+            host->runCode(code->second.get<std::string>(),
+                          [weak](const std::string& output, bool failed) {
+                              if (auto alive = weak.lock())
+                                  alive->publish(output, failed);
+                          });
+        };
     mSubscription = mState->service->subscribe(mState->channel, onMessage).get();
 }
 

@@ -26,6 +26,7 @@ std::string joined(const std::vector<std::string>& names) {
 // Column keys are plain ASCII, so narrowing each unit is the whole conversion.
 std::vector<std::string> keysAsText(const std::vector<std::u16string>& keys) {
     std::vector<std::string> texts;
+    texts.reserve(keys.size());
     for (const std::u16string& key : keys)
         texts.emplace_back(key.begin(), key.end());
     return texts;
@@ -66,12 +67,13 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
                          std::string pageId, std::shared_ptr<WSDataModel> dataModel,
                          std::shared_ptr<WorkspaceHost> host, Options options)
     : mPageId(std::move(pageId)) {
-    if (options.console)
-        mConsole = std::make_unique<ConsoleChannel>(service, "/Console/" + mPageId, host);
     const auto columns = columnKeys();
     mColumns =
         std::make_unique<ColumnsChannel>(service, "/Columns/" + mPageId, keysAsText(columns));
     std::weak_ptr<WorkspaceHost> weakHost = host;
+    if (options.console)
+        mConsole =
+            std::make_unique<ConsoleChannel>(service, "/Console/" + mPageId, std::move(host));
     ViewModelCallback rename = [weakHost](std::string oldName, std::string newName) {
         if (auto alive = weakHost.lock())
             alive->rename(std::move(oldName), std::move(newName));
@@ -80,7 +82,8 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
         if (auto alive = weakHost.lock())
             alive->editValue(std::move(name), std::move(text));
     };
-    auto selection = [id = mPageId](std::vector<std::string> names, std::string rows) {
+    auto selection = [id = mPageId](const std::vector<std::string>& names,
+                                    const std::string& rows) {
         WSB_LOG(logger(), foundation::log::kInfo)
             << "Page " << id << " selected: " << joined(names) << " (rows " << rows << ")";
     };

@@ -500,7 +500,7 @@ void WorkspaceHost::setMessageHandler(MessageHandler handler) {
     mImpl->messageHandler = std::move(handler);
 }
 
-void WorkspaceHost::runCode(std::string code, OutputCallback done) {
+void WorkspaceHost::runCode(std::string code, const OutputCallback& done) {
     const bool queued = mImpl->interpreter->post([impl = mImpl, code = std::move(code), done] {
         if (!impl->isOpen()) {
             if (done)

@@ -70,7 +70,7 @@ public:
 
     // Runs console code later with its output captured (the value of a final expression is
     // echoed) and hands the output to `done`.
-    void runCode(std::string code, OutputCallback done);
+    void runCode(std::string code, const OutputCallback& done);
     // The same, waiting for the outcome.
     std::pair<std::string, bool> execute(const std::string& code);
     // Runs a script file with its output on the process's streams; false when it failed.

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config git clang-format clang libclang-rt-14-dev
+  build-essential cmake pkg-config git clang-format clang clang-tidy libclang-rt-14-dev
   libboost1.81-dev libboost-thread1.81-dev libboost-log1.81-dev libboost-locale1.81-dev
   libboost-system1.81-dev libboost-json1.81-dev
   libtbb-dev gettext

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # The project's whole test run: installs what is missing, builds with warnings as errors,
-# runs every test (the browser tests against the real host in headless Chromium), checks that an outside project links the installed package, then runs the
+# runs every test, the static checks and the browser client's unit tests, then the browser tests
+# against the real host in headless Chromium, checks that an outside project links the installed
+# package, then runs the
 # concurrency tests under ThreadSanitizer and everything under AddressSanitizer + UBSan, and
 # runs each fuzzing harness for a minute.
 set -euo pipefail
@@ -30,6 +32,8 @@ step "build (warnings as errors)"
 configure_and_build build/ci -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWSB_BUILD_BENCHMARKS=ON
 step "tests"
 ctest --test-dir build/ci --output-on-failure -j "$jobs"
+step "static checks (clang-tidy)"
+scripts/tidy.sh build/ci
 
 step "browser client build"
 npm run typecheck

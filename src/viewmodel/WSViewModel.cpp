@@ -798,11 +798,11 @@ void WSViewModel::publishData(std::shared_ptr<DSEvent> event, bool forceUpdate) 
         fields = uStringVectorToStdStringVector(mColumnNames);
         statsFlag = mStatsFlag;
         statsLimit = mStatsLimit;
-        names.assign(mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->start),
-                     mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->end));
+        // Under a column sort the request keeps the names to find its rows again.
+        std::vector<std::string>& rowNames = request->byName ? names : request->rowNames;
+        rowNames.assign(mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->start),
+                        mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->end));
         request->generation = mOrderGeneration;
-        if (!request->byName)
-            request->rowNames = std::move(names);
     }
     request->visible.insert(request->orderedColumns.begin(), request->orderedColumns.end());
     WSB_LOG(logger(), kLogLevel) << "Obtained start and end. mVariableNames.size()=" << listSize

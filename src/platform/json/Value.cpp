@@ -134,7 +134,7 @@ void Value::swap(Value& other) noexcept {
         return;
     // After each move the source is Undefined, which holds nothing and needs no release.
     Value tmp(std::move(other));
-    other.takeFrom(*this);
+    other.takeFrom(*this); // NOLINT(bugprone-use-after-move): takeFrom refills the emptied value
     takeFrom(tmp);
 }
 

@@ -177,9 +177,12 @@ SettingsFile::ReadResult SettingsFile::parse(std::string_view text) {
             const std::string name(nameKey);
             SettingData data;
             if (name.empty() || name.find('.') != std::string::npos || !toSetting(value, data)) {
-                result.problem = "the setting \"" + name + "\" of node \"" + node +
-                                 "\" is not a boolean, a number, a string or a list of numbers "
-                                 "or strings";
+                result.problem = "the setting \"";
+                result.problem.append(name)
+                    .append("\" of node \"")
+                    .append(node)
+                    .append(
+                        "\" is not a boolean, a number, a string or a list of numbers or strings");
                 return result;
             }
             settings.emplace(name, std::move(data));

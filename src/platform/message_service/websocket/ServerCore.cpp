@@ -66,7 +66,11 @@ ServerCore::ServerCore(WebSocketServerOptions options)
       mWarnings(serviceLogger(), foundation::log::kWarning, kWarningInterval) {}
 
 ServerCore::~ServerCore() {
-    stop();
+    // Nothing may leave a destructor; a failure to stop cleanly still ends the service.
+    try {
+        stop();
+    } catch (...) {
+    }
 }
 
 std::string ServerCore::url() const {
