@@ -35,9 +35,11 @@ ctest --test-dir build/ci --output-on-failure -j "$jobs"
 step "static checks (clang-tidy)"
 scripts/tidy.sh build/ci
 
-step "browser client build"
+step "browser client build and unit tests"
 npm run typecheck
+npm run test:unit
 npm run build
+npm run build:e2e
 step "browser tests"
 WSBROWSER="$root/build/ci/bin/wsbrowser" npm run test:browser
 

@@ -5,7 +5,7 @@
 // goals; a missed goal is reported as MISSED but is not an error. The exit status is non-zero
 // only when something went wrong (the program did not start, a row showed the wrong data...).
 //
-//   npm run bench:browser            (env WSBROWSER: the program, BENCH_LOADS, BENCH_JUMPS)
+//   npm run build:e2e && npm run bench:browser   (env WSBROWSER: the program, BENCH_LOADS, BENCH_JUMPS)
 
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';

@@ -12,6 +12,7 @@ import {
   takeToken,
 } from './connection';
 import { CommandBox } from './console';
+import { columnsRequest, consoleRequest } from './messages';
 import type { WorkspaceGrid } from './grid';
 
 function byId<T extends HTMLElement>(id: string): T {
@@ -47,7 +48,7 @@ const commands = new CommandBox(
   byId<HTMLTextAreaElement>('command'),
   byId<HTMLButtonElement>('run'),
   byId('output'),
-  (code) => connection.publish('console', { code }),
+  (code) => connection.publish('console', consoleRequest(code)),
   showNotice,
 );
 
@@ -70,7 +71,7 @@ connection = new Connection(url, {
     open = true;
     early.length = 0;
     // Asked first: the grid can read no column until it knows which key each position holds.
-    connection.publish('columns', { get: 'columns' });
+    connection.publish('columns', columnsRequest());
     grid?.connected();
   },
   onState: (state, text) => {
@@ -99,23 +100,7 @@ grid = new Grid(byId('grid'), {
 if (open) grid.connected();
 for (const [channel, message] of early.splice(0)) deliver(channel, message);
 
-declare global {
-  interface Window {
-    wsbrowser: {
-      api: WorkspaceGrid['api'];
-      rowCount(): number;
-      selectedNames(): string[];
-      jumpTo(row: number): Promise<number>;
-      firstRowsMs(): number | null;
-    };
-  }
+if (import.meta.env.MODE === 'e2e') {
+  const { installTestHooks } = await import('./testHooks');
+  installTestHooks(grid);
 }
-
-const ready = grid;
-window.wsbrowser = {
-  api: ready.api,
-  rowCount: () => ready.rowCount(),
-  selectedNames: () => ready.selectedNames(),
-  jumpTo: (row) => ready.jumpTo(row),
-  firstRowsMs: () => ready.firstRowsMs(),
-};

@@ -11,7 +11,8 @@ import { fileURLToPath } from 'node:url';
 export const repoRoot = fileURLToPath(new URL('../../../', import.meta.url));
 export const wsbrowserPath =
   process.env.WSBROWSER || path.join(repoRoot, 'build/dev/bin/wsbrowser');
-export const distDir = path.join(repoRoot, 'web/dist');
+// The test build: the shipped one has no test hooks.
+export const distDir = path.join(repoRoot, 'web/dist-e2e');
 export const exampleScript = path.join(repoRoot, 'host/examples/example.py');
 
 // Every program still running, so that an aborted run does not leave servers behind.
@@ -51,7 +52,7 @@ export async function startWsbrowser({
     throw new Error(`no wsbrowser at ${wsbrowserPath}; build it or set WSBROWSER`);
   }
   if (!existsSync(path.join(distDir, 'index.html'))) {
-    throw new Error(`no web client in ${distDir}; run npm run build first`);
+    throw new Error(`no web client in ${distDir}; run npm run build:e2e first`);
   }
   const ownSettings = !settingsDir;
   const settings = settingsDir ?? makeTempDir('wsb-settings-');

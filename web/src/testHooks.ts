@@ -1,0 +1,50 @@
+// What the browser tests and the browser benchmark read from a running page. Only test builds
+// (vite's "e2e" mode) include this module; the shipped page has no such global.
+
+import type { WorkspaceGrid } from './grid';
+
+export interface TestHooks {
+  rowCount(): number;
+  /** The names on the selected rows, top to bottom. */
+  selectedNames(): string[];
+  /** Scrolls `row` to the top and resolves with the ms until its Name cell shows its data. */
+  jumpTo(row: number): Promise<number>;
+  /** Ms from the page's start until the first rows were painted, once they were. */
+  firstRowsMs(): number | null;
+}
+
+declare global {
+  interface Window {
+    wsbrowser: TestHooks;
+  }
+}
+
+function namePainted(element: HTMLElement, row: number): boolean {
+  const name = element.querySelector(`.ag-row[row-index="${row}"] [col-id="Name"] .wsb-name`);
+  return name !== null && (name.textContent ?? '') !== '';
+}
+
+export function installTestHooks(grid: WorkspaceGrid): void {
+  window.wsbrowser = {
+    rowCount: () => grid.state.rowCount,
+    selectedNames: () =>
+      grid.api
+        .getSelectedNodes()
+        .filter((node) => node.data?.Name)
+        .sort((a, b) => Number(a.id) - Number(b.id))
+        .map((node) => node.data?.Name?.value ?? ''),
+    jumpTo: (row) => {
+      const started = performance.now();
+      grid.api.ensureIndexVisible(row, 'top');
+      return new Promise((resolve, reject) => {
+        const check = () => {
+          if (namePainted(grid.element, row)) resolve(performance.now() - started);
+          else if (performance.now() - started > 30000) reject(new Error(`row ${row} did not load`));
+          else requestAnimationFrame(check);
+        };
+        requestAnimationFrame(check);
+      });
+    },
+    firstRowsMs: () => grid.firstRowsMs(),
+  };
+}
