@@ -16,6 +16,8 @@
 
 namespace wsbrowser {
 
+class PythonWorkspace;
+
 // The interpreter's workspace as the library sees it: the variables of __main__'s namespace
 // (without names starting with "_", modules, functions and classes unless showAll is set).
 // It supplies the data model's host functions (subscribe, fetch, trigger), carries out the
@@ -45,22 +47,14 @@ public:
     WorkspaceHost(const WorkspaceHost&) = delete;
     WorkspaceHost& operator=(const WorkspaceHost&) = delete;
 
-    // The data model's host functions. They stay valid after the host is gone (doing nothing).
+    // The data model's host functions: subscribe to event batches; fetch records (answered
+    // later, on the interpreter thread, one per name; a name that is no longer a variable comes
+    // back with only its name and the dirty mark); trigger a full batch (deletions, also of
+    // names answered as vanished, then every current name as changed). They stay valid after
+    // the host is gone (doing nothing).
     workspace_browser_startup::WSListenersSubscribeFunction subscribeFunction() const;
     workspace_browser_startup::WorkspaceDisplayCallback displayFunction() const;
     workspace_browser_startup::TriggerWorkspaceEventFunction triggerFunction() const;
-
-    // Registers a listener for event batches.
-    workspace_browser_startup::Connection
-    subscribe(workspace_browser_startup::WSListenersSubscriptionCallback listener);
-    // Answers later, on the interpreter thread, with one record per name; a name that is no
-    // longer a variable comes back with only its name and the dirty mark.
-    void fetch(const std::vector<std::string>& names, std::vector<std::string> fields,
-               bool computeStats, double statsLimit,
-               workspace_browser_startup::WorkspaceDisplayResultCallback onResult);
-    // Raises a full batch: deletions (also of names answered as vanished), then every current
-    // name as changed.
-    void trigger();
 
     // The grid's rename and value-edit requests, carried out later; a refusal or failure is
     // handed to the message handler and nothing changes.
@@ -88,8 +82,7 @@ public:
     void close();
 
 private:
-    class Impl;
-    std::shared_ptr<Impl> mImpl;
+    std::shared_ptr<PythonWorkspace> mImpl;
 };
 
 } // namespace wsbrowser

@@ -138,7 +138,7 @@ int run(const wsbrowser::HostOptions& options) {
         });
 
         // Scripts already defined at start-up are announced once, then each script's changes.
-        host->trigger();
+        host->triggerFunction()();
         for (const std::string& script : options.scripts) {
             {
                 std::lock_guard<std::mutex> lock(mutex);

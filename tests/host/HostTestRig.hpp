@@ -45,7 +45,7 @@ public:
                                                           options)) {
         run("for _name in [n for n in list(globals()) if not n.startswith('__')]:\n"
             "    del globals()[_name]\n");
-        mConnection = host->subscribe([this](Batch batch) {
+        mConnection = host->subscribeFunction()([this](Batch batch) {
             std::lock_guard<std::mutex> lock(mMutex);
             mBatches.push_back(std::move(batch));
         });
@@ -80,7 +80,7 @@ public:
                                   bool stats = true, double limit = 1e5) {
         std::promise<std::vector<WSVariable>> promise;
         auto result = promise.get_future();
-        host->fetch(
+        host->displayFunction()(
             names, fields, stats, limit,
             [&promise](const std::vector<WSVariable>& records) { promise.set_value(records); });
         return result.get();

@@ -179,7 +179,7 @@ TEST(WorkspaceHost, TriggerResendsEveryNameAndDropsNamesAnsweredAsVanished) {
     rig.run("a = 1\nb = 2\n");
     rig.takeBatches();
     rig.fetch({"ghost", "a"});
-    rig.host->trigger();
+    rig.host->triggerFunction()();
     rig.wait();
     EXPECT_THAT(rig.takeBatches(),
                 ElementsAre(ElementsAre(deleted({"ghost"}), changed({"a", "b"}))));

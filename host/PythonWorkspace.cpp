@@ -1,0 +1,283 @@
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include "PythonWorkspace.hpp"
+
+#include "HostPythonSource.hpp"
+
+#include <workspace_browser/datamodel/WSColumn.hpp>
+#include <workspace_browser/platform/DiagnosticLogger.hpp>
+
+#include <array>
+#include <stdexcept>
+#include <string_view>
+
+namespace wsbrowser {
+
+using namespace workspace_browser_startup;
+using py::boolean;
+using py::fromUtf8;
+using py::takeError;
+using py::toUtf8;
+
+namespace {
+
+const foundation::log::basic_diagnostic_logger& logger() {
+    static const foundation::log::basic_diagnostic_logger instance(
+        "zentra::wsbrowser::WorkspaceHost");
+    return instance;
+}
+
+constexpr const char* kModuleName = "_wsbrowser_host";
+constexpr const char* kModuleFile = "<wsbrowser_host>";
+
+// Fills a record from describe's answer, a dict keyed by column key. The answer comes from
+// Python code the user can reach, so a missing key or a value that is not text is an empty cell.
+bool recordFrom(PyObject* answer, WSVariable& record) {
+    if (!answer || !PyDict_Check(answer))
+        return false;
+    const auto entry = [answer](std::string_view key) {
+        return PyDict_GetItemString(answer, std::string(key).c_str());
+    };
+    for (const WSColumn& column : WSColumn::all())
+        record.*column.field = toUtf8(entry(column.key));
+    record.isSummary = entry("isSummary") == Py_True;
+    record.isDirty = entry("isDirty") == Py_True;
+    record.iconClass = toUtf8(entry("iconClass"));
+    return true;
+}
+
+// No time limit for code the user asked to run, but Ctrl-C breaks in.
+PythonInterpreter::Budget interruptible(PythonInterpreter& interpreter) {
+    return PythonInterpreter::Budget(interpreter, std::chrono::milliseconds(0),
+                                     PyExc_KeyboardInterrupt, true);
+}
+
+} // namespace
+
+WSVariable PythonWorkspace::unavailable(const std::string& name) {
+    WSVariable record;
+    record.name = name;
+    record.value = "<unavailable>";
+    record.isSummary = true;
+    record.iconClass = "wsb-icon-object";
+    return record;
+}
+
+void PythonWorkspace::load() {
+    PyRef code(Py_CompileString(hostPythonSource(), kModuleFile, Py_file_input));
+    if (!code)
+        throw std::runtime_error("cannot compile the host's Python helpers: " + takeError());
+    PyRef loaded(PyImport_ExecCodeModuleEx(kModuleName, code.get(), kModuleFile));
+    if (!loaded)
+        throw std::runtime_error("cannot load the host's Python helpers: " + takeError());
+    PyObject* main = PyImport_AddModule("__main__"); // borrowed
+    if (!main)
+        throw std::runtime_error("no __main__ module: " + takeError());
+    PyRef trackerType(PyObject_GetAttrString(loaded.get(), "Tracker"));
+    PyRef made(trackerType ? PyObject_CallFunctionObjArgs(trackerType.get(),
+                                                          boolean(options.showAll), nullptr)
+                           : nullptr);
+    if (!made)
+        throw std::runtime_error("cannot create the change tracker: " + takeError());
+    ns = PyRef(Py_NewRef(PyModule_GetDict(main)));
+    tracker = std::move(made);
+    module = std::move(loaded);
+}
+
+void PythonWorkspace::release() {
+    tracker = PyRef();
+    ns = PyRef();
+    module = PyRef();
+}
+
+PyObject* PythonWorkspace::function(const char* name) const {
+    PyObject* found = PyObject_GetAttrString(module.get(), name);
+    if (!found)
+        throw std::runtime_error(std::string("host helper missing: ") + name + ": " + takeError());
+    return found;
+}
+
+void PythonWorkspace::raise(const WSListenersSubscriptionCallbackArg& batch) const {
+    if (batch.empty())
+        return;
+    for (const auto& listener : listeners.copyCallbacks()) {
+        try {
+            listener(batch);
+        } catch (const std::exception& e) {
+            WSB_LOG(logger(), foundation::log::kError)
+                << "A workspace listener failed: " << e.what();
+        }
+    }
+}
+
+void PythonWorkspace::raiseChanges(bool everything) {
+    // Both tracker methods answer (names, deleted names, cleared): the changed names for a
+    // scan, every current name for a resync.
+    PyRef result(PyObject_CallMethod(tracker.get(), everything ? "resync" : "scan", "O", ns.get()));
+    if (!result || !PyTuple_Check(result.get()) || PyTuple_GET_SIZE(result.get()) != 3) {
+        WSB_LOG(logger(), foundation::log::kError)
+            << "Scanning the workspace failed: " << (PyErr_Occurred() ? takeError() : "");
+        return;
+    }
+    const bool cleared = PyTuple_GET_ITEM(result.get(), 2) == Py_True;
+    auto names = py::stringsOf(PyTuple_GET_ITEM(result.get(), 0));
+    auto deleted = py::stringsOf(PyTuple_GET_ITEM(result.get(), 1));
+    WSListenersSubscriptionCallbackArg batch;
+    if (cleared)
+        batch.push_back({EventType::WORKSPACE_CLEARED, {}});
+    // After a clearing a scan has nothing more to say; a resync still lists what is there now,
+    // its deletions first so that a listener starting over never drops a name it just added.
+    if (!cleared || everything) {
+        EventInfo changed{EventType::VARIABLE_CHANGED, std::move(names)};
+        EventInfo gone{EventType::VARIABLE_DELETED, std::move(deleted)};
+        for (EventInfo* event :
+             everything ? std::array{&gone, &changed} : std::array{&changed, &gone}) {
+            if (!event->variableNames.empty())
+                batch.push_back(std::move(*event));
+        }
+    }
+    raise(batch);
+}
+
+std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>& names,
+                                                  const std::vector<std::string>& fields,
+                                                  bool computeStats, double statsLimit) {
+    std::vector<WSVariable> records;
+    records.reserve(names.size());
+    PyRef describeFn(function("describe"));
+    PyRef budgetExceeded(function("BudgetExceeded"));
+    PyRef vanished(PyObject_GetAttrString(tracker.get(), "vanished"));
+    PyRef pyFields = py::listOf(fields);
+    PyRef limit(PyFloat_FromDouble(statsLimit));
+    if (!vanished || !pyFields || !limit)
+        throw std::runtime_error("cannot prepare a fetch: " + takeError());
+    for (const std::string& name : names) {
+        PyRef pyName = fromUtf8(name);
+        PyRef result;
+        if (pyName) {
+            // A repr that never returns is broken off when the budget runs out; one stuck in C
+            // code that never reaches a bytecode boundary cannot be, and holds the fetch up.
+            PythonInterpreter::Budget budget(*interpreter, options.reprBudget, budgetExceeded.get(),
+                                             false);
+            result = PyRef(PyObject_CallFunctionObjArgs(
+                describeFn.get(), ns.get(), pyName.get(), pyFields.get(), boolean(computeStats),
+                limit.get(), boolean(options.showAll), nullptr));
+        }
+        WSVariable record;
+        if (!result || !recordFrom(result.get(), record)) {
+            if (PyErr_Occurred()) {
+                WSB_LOG(logger(), foundation::log::kWarning)
+                    << "Describing " << name << " failed: " << takeError();
+            }
+            record = unavailable(name);
+        }
+        record.name = name; // exactly as asked, even if the text did not survive a round trip
+        if (record.isDirty && pyName && PySet_Add(vanished.get(), pyName.get()) < 0)
+            PyErr_Clear();
+        records.push_back(std::move(record));
+    }
+    return records;
+}
+
+std::vector<std::string> PythonWorkspace::names() {
+    PyRef list(PyObject_CallMethod(tracker.get(), "names", "O", ns.get()));
+    if (!list)
+        throw std::runtime_error("cannot list the workspace: " + takeError());
+    return py::stringsOf(list.get());
+}
+
+void PythonWorkspace::report(const std::string& message) const {
+    WSB_LOG(logger(), foundation::log::kWarning) << message;
+    WorkspaceHost::MessageHandler handler;
+    {
+        std::lock_guard<std::mutex> lock(handlerMutex);
+        handler = messageHandler;
+    }
+    if (handler)
+        handler(message);
+}
+
+void PythonWorkspace::edit(const char* helper, const std::string& failure, const std::string& first,
+                           const std::string& second) {
+    PyRef editFn(function(helper));
+    PyRef a = fromUtf8(first);
+    PyRef b = fromUtf8(second);
+    PyRef refusal;
+    {
+        // A value's text is evaluated, which may run for as long as the user's code likes.
+        const auto budget = interruptible(*interpreter);
+        if (a && b) {
+            refusal = PyRef(
+                PyObject_CallFunctionObjArgs(editFn.get(), ns.get(), a.get(), b.get(), nullptr));
+        }
+    }
+    if (!refusal)
+        report(failure + takeError());
+    else if (refusal.get() != Py_None)
+        report(toUtf8(refusal.get()));
+    raiseChanges();
+}
+
+void PythonWorkspace::rename(const std::string& oldName, const std::string& newName) {
+    edit("rename", "Cannot rename '" + oldName + "': ", oldName, newName);
+}
+
+void PythonWorkspace::assign(const std::string& name, const std::string& text) {
+    edit("assign", "Cannot set '" + name + "': ", name, text);
+}
+
+std::pair<std::string, bool> PythonWorkspace::run(const std::string& code, bool capture,
+                                                  bool echo) {
+    PyRef runFn(function("run"));
+    PyRef source = fromUtf8(code);
+    PyRef filename(PyUnicode_FromString(capture ? "<console>" : "<stdin>"));
+    PyRef result;
+    {
+        const auto budget = interruptible(*interpreter);
+        if (source && filename) {
+            result = PyRef(PyObject_CallFunctionObjArgs(runFn.get(), ns.get(), source.get(),
+                                                        filename.get(), boolean(echo),
+                                                        boolean(capture), nullptr));
+        }
+    }
+    std::pair<std::string, bool> outcome{"", true};
+    if (result && PyTuple_Check(result.get()) && PyTuple_GET_SIZE(result.get()) == 2) {
+        outcome.first = toUtf8(PyTuple_GET_ITEM(result.get(), 0));
+        outcome.second = PyTuple_GET_ITEM(result.get(), 1) == Py_True;
+    } else {
+        // An interruption between the helper's own steps lands here.
+        outcome.first = "The command was broken off: " + takeError() + "\n";
+        if (!capture)
+            PySys_WriteStderr("%s", outcome.first.c_str());
+    }
+    raiseChanges();
+    return outcome;
+}
+
+bool PythonWorkspace::runScript(const std::string& path) {
+    PyRef scriptFn(function("run_script"));
+    PyRef pyPath = fromUtf8(path);
+    PyRef failed;
+    {
+        const auto budget = interruptible(*interpreter);
+        if (pyPath)
+            failed = PyRef(
+                PyObject_CallFunctionObjArgs(scriptFn.get(), ns.get(), pyPath.get(), nullptr));
+    }
+    if (!failed)
+        PySys_WriteStderr("The script %s was broken off: %s\n", path.c_str(), takeError().c_str());
+    raiseChanges();
+    return failed.get() == Py_False;
+}
+
+bool PythonWorkspace::needsMoreInput(const std::string& source) {
+    PyRef checkFn(function("needs_more_input"));
+    PyRef text = fromUtf8(source);
+    PyRef more(text ? PyObject_CallFunctionObjArgs(checkFn.get(), text.get(), nullptr) : nullptr);
+    if (!more)
+        PyErr_Clear();
+    return more.get() == Py_True;
+}
+
+} // namespace wsbrowser
