@@ -64,10 +64,11 @@ void BM_FetchPageOf50Rows(benchmark::State& state) {
             names.push_back(nameOf((start + i) % kVariables));
         start = (start + 7919) % kVariables;
         std::promise<std::size_t> done;
-        host.fetch(names, kFields, true, 100000,
-                   [&done](const std::vector<workspace_browser_startup::WSVariable>& records) {
-                       done.set_value(records.size());
-                   });
+        host.displayFunction()(
+            names, kFields, true, 100000,
+            [&done](const std::vector<workspace_browser_startup::WSVariable>& records) {
+                done.set_value(records.size());
+            });
         benchmark::DoNotOptimize(done.get_future().get());
     }
     state.SetItemsProcessed(state.iterations() * kPageRows);
