@@ -1,5 +1,11 @@
 #include <workspace_browser/viewmodel/WSViewModel.hpp>
 
+#include "ClientRecord.hpp"
+#include "LifetimeGate.hpp"
+#include "ModelProperties.hpp"
+#include "RowSelection.hpp"
+#include "ViewportMath.hpp"
+
 #include <workspace_browser/datamodel/WSColumn.hpp>
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 #include <workspace_browser/platform/i18n/MessageCatalog.hpp>
@@ -48,24 +54,13 @@ const std::string kPagingChannelSuffix = "_who";
 const std::string kQueueName = "wsViewModel";
 const std::string kNameColumn = "Name";
 const std::string kValueColumn = "Value";
-const std::string kHeaderMessagePrefix = "ZENTRA:codetools:variableeditor:";
-// Icon class of the rows published before their data has been fetched.
-const std::string kStandByIconClass = "double";
 const char* const kDashedLine = "-----------------------------";
 
 // Above this many variables sorting every row by a column costs too much: only the name
 // column stays sortable, and a column sort in force falls back to the name.
-constexpr std::size_t kMaxSortableVariables = 10000;
+constexpr std::size_t kMaxSortableVariables = ModelProperties::kMaxSortableRows;
 // Rows fetched beyond the viewport's end on a refresh, so that a little scrolling needs no fetch.
 constexpr std::int64_t kRefreshRowMargin = 200;
-// Up to this many selected names are looked up one by one; more get an index of the rows.
-constexpr std::size_t kLinearLookupLimit = 16;
-
-// Model event kinds of the paging channel.
-constexpr std::int32_t kTableMetaData = 3;
-constexpr std::int32_t kColumnMetaData = 4;
-constexpr std::int32_t kRowMetaData = 5;
-constexpr std::int32_t kCellMetaData = 6;
 
 const foundation::log::basic_diagnostic_logger& logger() {
     static const foundation::log::basic_diagnostic_logger instance(
@@ -95,15 +90,6 @@ std::vector<std::string> uStringVectorToStdStringVector(const std::vector<std::u
     return result;
 }
 
-std::int32_t toInt32(std::int64_t value) {
-    return static_cast<std::int32_t>(std::clamp<std::int64_t>(
-        value, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
-}
-
-std::int32_t lastIndex(std::size_t count) {
-    return toInt32(std::max<std::int64_t>(static_cast<std::int64_t>(count) - 1, 0));
-}
-
 // Streams a list of texts separated by ", ".
 struct Joined {
     const std::vector<std::string>& texts;
@@ -125,38 +111,6 @@ std::string rowsText(const std::vector<std::int32_t>& rows) {
     return text;
 }
 
-// A paging event over a table of `rowCount` rows and `columnCount` columns: the given rows and
-// start column clamped into the table's rows (the start column too, as the grid expects), the
-// end column the last one, the full range the whole table.
-std::shared_ptr<DSEvent> tableEvent(std::size_t rowCount, std::size_t columnCount,
-                                    std::int32_t startRow, std::int32_t endRow,
-                                    std::int32_t startColumn, bool sizeChanged) {
-    const std::int32_t lastRow = lastIndex(rowCount);
-    const std::int32_t lastColumn = lastIndex(columnCount);
-    auto event = std::make_shared<DSEvent>();
-    event->startRow = std::clamp(startRow, 0, lastRow);
-    event->endRow = std::clamp(endRow, 0, lastRow);
-    event->startColumn = std::clamp(startColumn, 0, lastRow);
-    event->endColumn = lastColumn;
-    event->fullStartRow = 0;
-    event->fullEndRow = lastRow;
-    event->fullStartColumn = 0;
-    event->fullEndColumn = lastColumn;
-    event->sizeChanged = sizeChanged;
-    return event;
-}
-
-// The rows of `event` that a grid of `rowCount` rows has, first and last inclusive; first is
-// above last when there are none.
-std::pair<std::int64_t, std::int64_t> rowsInGrid(const DSEvent& event, std::size_t rowCount) {
-    return {std::max<std::int64_t>(event.startRow, 0),
-            std::min<std::int64_t>(event.endRow, static_cast<std::int64_t>(rowCount) - 1)};
-}
-
-std::string cellText(Object cell) {
-    return foundation::json::serialize(Value(std::move(cell)));
-}
-
 // Runs a function when the scope ends, however it ends.
 template <class F> class ScopeExit {
 public:
@@ -173,49 +127,6 @@ private:
 
 // Lets callbacks that may arrive after the view model is gone (host answers from the host's
 // thread, desktop messages) in only while it is alive. Thread-safe.
-struct WSViewModel::LifetimeGate {
-    // Holds the gate open for one callback; test it before touching the view model.
-    class Pass {
-    public:
-        explicit Pass(LifetimeGate& gate) : mGate(gate), mEntered(gate.enter()) {}
-        ~Pass() {
-            if (mEntered)
-                mGate.leave();
-        }
-        Pass(const Pass&) = delete;
-        Pass& operator=(const Pass&) = delete;
-        explicit operator bool() const { return mEntered; }
-
-    private:
-        LifetimeGate& mGate;
-        bool mEntered;
-    };
-
-    bool enter() {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!open)
-            return false;
-        ++active;
-        return true;
-    }
-    void leave() {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (--active == 0)
-            idle.notify_all();
-    }
-    // Refuses every later callback and waits for the ones inside.
-    void close() {
-        std::unique_lock<std::mutex> lock(mutex);
-        open = false;
-        idle.wait(lock, [this] { return active == 0; });
-    }
-
-    std::mutex mutex;
-    std::condition_variable idle;
-    bool open = true;
-    int active = 0;
-};
-
 // What a page publication needs from the view state, taken once when the page is requested:
 // a host that answers late must still publish the rows it was asked for, in the order asked.
 struct WSViewModel::PageRequest {
@@ -446,8 +357,8 @@ void WSViewModel::handleClientGetSize() {
         std::lock_guard<std::mutex> lock(mStateMutex);
         columns = mColumnNames.size();
     }
-    mPubSubDS.sizeUpdated(toInt32(static_cast<std::int64_t>(rows)),
-                          std::max(toInt32(static_cast<std::int64_t>(columns)), 0));
+    mPubSubDS.sizeUpdated(ViewportMath::toInt32(static_cast<std::int64_t>(rows)),
+                          std::max(ViewportMath::toInt32(static_cast<std::int64_t>(columns)), 0));
 }
 
 void WSViewModel::handleFocusChanged(bool /*hasFocus*/) {
@@ -497,7 +408,7 @@ void WSViewModel::handleDesktopMsg(const connector::message_service::JsonMessage
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
             selected = mSelectedVariables;
-            rows = rowsText(rowsOfLocked(selected));
+            rows = rowsText(RowSelection::rowsOf(mVariableNames, selected));
         }
         WSB_LOG(logger(), kLogLevel) << "Handling StartupServices, rows: " << rows;
         pushTask([this, selected = std::move(selected), rows = std::move(rows)] {
@@ -595,8 +506,8 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
         std::shared_ptr<DSEvent> event;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            event = tableEvent(count, mColumnNames.size(), mStartRow, mEndRow,
-                               std::max(mStartColumn, 0), count != oldCount);
+            event = ViewportMath::tableEvent(count, mColumnNames.size(), mStartRow, mEndRow,
+                                             std::max(mStartColumn, 0), count != oldCount);
         }
         if (count < 2)
             clearSelection = true;
@@ -639,8 +550,8 @@ void WSViewModel::handleSortChanged(int sortColumn, bool sortAscending) {
         std::shared_ptr<DSEvent> event;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            event =
-                tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow, mEndRow, 0, true);
+            event = ViewportMath::tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow,
+                                             mEndRow, 0, true);
         }
         publishData(event, false);
         updateSelectedRowsToSelectedVariables();
@@ -749,7 +660,8 @@ void WSViewModel::handleSetViewportRange(const DSEvent& event) {
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         // The columns are bounded by the row count as well: the grid relies on it.
-        const std::int32_t count = toInt32(static_cast<std::int64_t>(mVariableNames.size()));
+        const std::int32_t count =
+            ViewportMath::toInt32(static_cast<std::int64_t>(mVariableNames.size()));
         mStartRow = startRow = std::min(count, std::max(event.startRow, 0));
         mEndRow = endRow = std::min(count, std::max(event.endRow, 0));
         mStartColumn = startColumn = std::min(count, std::max(event.startColumn, 0));
@@ -864,7 +776,7 @@ void WSViewModel::publishPage(const std::shared_ptr<DSEvent>& event, const PageR
     page.data.reserve(records.size());
     const bool logEach = logger().enabled(kLogLevel);
     for (const WSVariable& record : records) {
-        const WSVariable client = clientRecord(record, request.visible);
+        const WSVariable client = ClientRecord::make(record, request.visible);
         if (logEach) {
             WSB_LOG(logger(), kLogLevel)
                 << "Created entry for variable. Name=" << record.name << " Value=" << record.value;
@@ -911,51 +823,7 @@ WSVariable WSViewModel::getWSVariableForClient(const WSVariable& variable) {
         ordered = orderedColumnsLocked();
     }
     const std::unordered_set<std::string> visible(ordered.begin(), ordered.end());
-    return clientRecord(variable, visible);
-}
-
-WSVariable WSViewModel::clientRecord(const WSVariable& variable,
-                                     const std::unordered_set<std::string>& visible) {
-    const bool logCells = logger().enabled(kLogLevel);
-    WSVariable client;
-    client.isSummary = variable.isSummary;
-    client.isDirty = variable.isDirty;
-    client.iconClass = variable.iconClass;
-
-    client.name = cellText({{CELL_VALUE, variable.name},
-                            {CELL_CLASS, variable.iconClass},
-                            {CELL_EDITOR_VALUE, variable.name}});
-    if (logCells) {
-        WSB_LOG(logger(), kLogLevel) << "IconClass: " << variable.iconClass;
-        WSB_LOG(logger(), kLogLevel) << "client name: " << client.name;
-    }
-
-    if (visible.count(kValueColumn) != 0) {
-        client.value = cellText({{CELL_VALUE, variable.value},
-                                 {CELL_EDITABLE, true},
-                                 {CELL_IS_META_DATA, variable.isSummary},
-                                 {CELL_EDITOR_VALUE, variable.name}});
-        if (logCells)
-            WSB_LOG(logger(), kLogLevel) << "client value: " << client.value;
-    }
-    // The read-only cells, in the table's order. Size and Class also carry the variable's name
-    // for the client's editor, the statistics and Bytes do not.
-    for (const WSColumn& column : WSColumn::all()) {
-        if (column.editable || visible.count(std::string(column.key)) == 0)
-            continue;
-        Object fields{{CELL_VALUE, variable.*column.field}, {CELL_EDITABLE, false}};
-        if (column.key == "Size" || column.key == "Class")
-            fields[CELL_EDITOR_VALUE] = variable.name;
-        std::string& cell = client.*column.field;
-        cell = cellText(std::move(fields));
-        if (logCells) {
-            std::string label(column.key);
-            std::transform(label.begin(), label.end(), label.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-            WSB_LOG(logger(), kLogLevel) << "client " << label << ": " << cell;
-        }
-    }
-    return client;
+    return ClientRecord::make(variable, visible);
 }
 
 void WSViewModel::handleClientSetData(const DSEvent& event) {
@@ -1041,7 +909,7 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
         std::lock_guard<std::mutex> lock(mStateMutex);
         count = static_cast<std::int64_t>(mVariableNames.size());
     }
-    mPubSubDS.sizeUpdated(toInt32(count), toInt32(columns));
+    mPubSubDS.sizeUpdated(ViewportMath::toInt32(count), ViewportMath::toInt32(columns));
     if (immediateUpdate)
         publishVariableNames();
 
@@ -1051,19 +919,20 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
     DSEvent event;
     if (!(startRow == 0 && endRow == 0) && count > 0) {
         const std::int64_t first = std::clamp<std::int64_t>(startRow, 0, count - 1);
-        event.startRow = toInt32(first);
-        event.endRow =
-            toInt32(std::clamp<std::int64_t>(endRow + kRefreshRowMargin, first, count - 1));
+        event.startRow = ViewportMath::toInt32(first);
+        event.endRow = ViewportMath::toInt32(
+            std::clamp<std::int64_t>(endRow + kRefreshRowMargin, first, count - 1));
     } else {
         event.startRow = 0;
-        event.endRow = toInt32(std::max<std::int64_t>(std::min(count - 1, kRefreshRowMargin), 0));
+        event.endRow = ViewportMath::toInt32(
+            std::max<std::int64_t>(std::min(count - 1, kRefreshRowMargin), 0));
     }
-    event.startColumn = toInt32(std::clamp<std::int64_t>(startColumn, 0, count));
+    event.startColumn = ViewportMath::toInt32(std::clamp<std::int64_t>(startColumn, 0, count));
     event.endColumn = endColumn;
     event.fullStartRow = 0;
-    event.fullEndRow = toInt32(count - 1);
+    event.fullEndRow = ViewportMath::toInt32(count - 1);
     event.fullStartColumn = 0;
-    event.fullEndColumn = lastIndex(static_cast<std::size_t>(columns));
+    event.fullEndColumn = ViewportMath::lastIndex(static_cast<std::size_t>(columns));
     event.sizeChanged = true;
     WSB_LOG(logger(), kLogLevel) << "Refresh resolved startRow=" << event.startRow
                                  << " endRow=" << event.endRow << " startCol=" << event.startColumn
@@ -1084,28 +953,10 @@ void WSViewModel::publishVariableNames() {
         ordered = orderedColumnsLocked();
     }
     // The other cells stay blank until the real rows arrive.
-    const std::string blankCell = cellText({{CELL_VALUE, std::string()}});
-    DSEvent event;
-    event.startRow = 0;
-    event.endRow = lastIndex(names.size());
-    event.startColumn = 0;
-    event.endColumn = lastIndex(ordered.size());
-    event.fullStartRow = event.startRow;
-    event.fullEndRow = event.endRow;
-    event.fullStartColumn = event.startColumn;
-    event.fullEndColumn = event.endColumn;
+    DSEvent event = ViewportMath::wholeTable(names.size(), ordered.size());
     event.data.reserve(names.size());
-    for (const std::string& name : names) {
-        Array row;
-        row.reserve(ordered.size());
-        for (const std::string& column : ordered) {
-            row.emplace_back(column == kNameColumn ? cellText({{CELL_VALUE, name},
-                                                               {CELL_CLASS, kStandByIconClass},
-                                                               {CELL_EDITOR_VALUE, name}})
-                                                   : blankCell);
-        }
-        event.data.emplace_back(std::move(row));
-    }
+    for (const std::string& name : names)
+        event.data.emplace_back(ClientRecord::standBy(name, ordered));
     WSB_LOG(logger(), kLogLevel) << "Publish Data Variables: " << Joined{names};
     mPubSubDS.dataUpdated(event);
 }
@@ -1167,26 +1018,7 @@ void WSViewModel::publishTableModelProps(std::shared_ptr<DSEvent> event) {
         std::lock_guard<std::mutex> lock(mStateMutex);
         selected = mSelectedVariables;
     }
-    Object properties;
-    properties[CELL_CLASS] = "char";
-    if (!selected.empty()) {
-        std::string fields;
-        for (std::size_t i = 0; i < selected.size(); ++i)
-            fields += (i == 0 ? "" : ",") + selected[i];
-        properties["SelectedFields"] = std::move(fields);
-    }
-    DSModelEvent model;
-    model.eventType = kTableMetaData;
-    model.startRow = event->startRow;
-    model.endRow = event->endRow;
-    model.startColumn = event->startColumn;
-    model.endColumn = event->endColumn;
-    model.fullStartRow = event->fullStartRow;
-    model.fullEndRow = event->fullEndRow;
-    model.fullStartColumn = event->fullStartColumn;
-    model.fullEndColumn = event->fullEndColumn;
-    model.data = DSModelEvent::List{DSModelEventData{0, 0, std::move(properties)}};
-    mPubSubDS.metaDataUpdated(model);
+    mPubSubDS.metaDataUpdated(ModelProperties::table(*event, selected));
     WSB_LOG(logger(), kLogLevel) << "Created TableModelProperties DSModelEvent";
 }
 
@@ -1195,63 +1027,23 @@ void WSViewModel::publishColumnModelProps(std::shared_ptr<DSEvent> event, bool u
     std::vector<std::string> columns;
     std::vector<double> widths;
     std::size_t rowCount = 0;
-    std::size_t columnCount = 0;
+    DSEvent range;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         columns = orderedColumnsLocked();
         widths = mColumnWidths;
         rowCount = mVariableNames.size();
-        columnCount = mColumnNames.size();
+        if (useEventRange) {
+            range = *event;
+        } else {
+            // The whole table, but its last row not clamped: an empty table ends at row -1.
+            range = ViewportMath::wholeTable(rowCount, mColumnNames.size());
+            range.endRow = range.fullEndRow =
+                ViewportMath::toInt32(static_cast<std::int64_t>(rowCount) - 1);
+        }
     }
-
-    DSModelEvent model;
-    model.eventType = kColumnMetaData;
-    if (useEventRange) {
-        model.startRow = event->startRow;
-        model.endRow = event->endRow;
-        model.startColumn = event->startColumn;
-        model.endColumn = event->endColumn;
-        model.fullStartRow = event->fullStartRow;
-        model.fullEndRow = event->fullEndRow;
-        model.fullStartColumn = event->fullStartColumn;
-        model.fullEndColumn = event->fullEndColumn;
-    } else {
-        model.startRow = 0;
-        model.endRow = toInt32(static_cast<std::int64_t>(rowCount) - 1);
-        model.startColumn = 0;
-        model.endColumn = lastIndex(columnCount);
-        model.fullStartRow = model.startRow;
-        model.fullEndRow = model.endRow;
-        model.fullStartColumn = model.startColumn;
-        model.fullEndColumn = model.endColumn;
-    }
-
-    const bool sortable = rowCount <= kMaxSortableVariables;
-    DSModelEvent::List list;
-    list.reserve(columns.size());
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        const std::string& key = columns[i];
-        Object properties;
-        // Fewer widths than columns is a settings error: std::out_of_range, nothing published.
-        properties["ColumnWidth"] = widths.at(i);
-        // A key the table does not know (a host may pass any) is a read-only, sortable column
-        // whose header is looked up under the usual prefix.
-        const WSColumn* column = WSColumn::find(key);
-        const std::string headerId =
-            column ? std::string(column->headerMessageId) : kHeaderMessagePrefix + key;
-        properties["HeaderName"] =
-            toUtf8(fl::i18n::MessageCatalog::get_message(fl::i18n::MessageID(headerId)));
-        // The name column sorts even when the others no longer do; a value has no order.
-        const bool unordered = column && column->order == WSColumn::Order::none;
-        properties["IsSortable"] = key == kNameColumn || (sortable && !unordered);
-        properties[CELL_EDITABLE] = column && column->editable;
-        if (key == kNameColumn)
-            properties["DataAttributes"] = "IconLabelNameColumn";
-        list.push_back(
-            DSModelEventData{0, toInt32(static_cast<std::int64_t>(i)), std::move(properties)});
-    }
-    model.data = std::move(list);
-    mPubSubDS.metaDataUpdated(model);
+    // Fewer widths than columns is a settings error: std::out_of_range, nothing published.
+    mPubSubDS.metaDataUpdated(ModelProperties::columns(range, columns, widths, rowCount));
     WSB_LOG(logger(), kLogLevel) << "Created ColumnModelProperties DSModelEvent";
 }
 
@@ -1264,22 +1056,7 @@ void WSViewModel::publishRowModelProps(std::shared_ptr<DSEvent> event) {
         columnCount = mColumnNames.size();
         rowCount = mVariableNames.size();
     }
-    DSModelEvent model;
-    model.eventType = kRowMetaData;
-    model.startRow = event->startRow;
-    model.endRow = event->endRow;
-    model.startColumn = event->startColumn;
-    model.endColumn = event->endColumn;
-    model.fullStartRow = event->startRow;
-    model.fullEndRow = event->endRow;
-    model.fullStartColumn = 0;
-    model.fullEndColumn = lastIndex(columnCount);
-    // Only rows the grid has get an entry, however far the request reaches.
-    const auto [first, last] = rowsInGrid(*event, rowCount);
-    DSModelEvent::List list;
-    for (std::int64_t row = first; row <= last; ++row)
-        list.push_back(DSModelEventData{static_cast<std::int32_t>(row), 0, Object()});
-    model.data = std::move(list);
+    DSModelEvent model = ModelProperties::rows(*event, rowCount, columnCount);
     WSB_LOG(logger(), kLogLevel) << "publishRowModelProps, startRow = " << event->startRow
                                  << ", endRow = " << event->endRow;
     mPubSubDS.metaDataUpdated(model);
@@ -1287,36 +1064,14 @@ void WSViewModel::publishRowModelProps(std::shared_ptr<DSEvent> event) {
 
 void WSViewModel::publishCellModelProps(std::shared_ptr<DSEvent> event) {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
-    std::vector<std::string> columns;
+    std::size_t columnCount = 0;
     std::size_t rowCount = 0;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        columns = orderedColumnsLocked();
+        columnCount = orderedColumnsLocked().size();
         rowCount = mVariableNames.size();
     }
-    DSModelEvent model;
-    model.eventType = kCellMetaData;
-    model.startRow = event->startRow;
-    model.endRow = event->endRow;
-    model.startColumn = event->startColumn;
-    model.endColumn = event->endColumn;
-    model.fullStartRow = event->fullStartRow;
-    model.fullEndRow = event->fullEndRow;
-    model.fullStartColumn = event->fullStartColumn;
-    model.fullEndColumn = event->fullEndColumn;
-    // Only rows the grid has get cells, however far the request reaches.
-    const auto [first, last] = rowsInGrid(*event, rowCount);
-    DSModelEvent::Grid grid;
-    for (std::int64_t row = first; row <= last; ++row) {
-        std::vector<DSModelEventData> cells;
-        cells.reserve(columns.size());
-        for (std::size_t c = 0; c < columns.size(); ++c) {
-            cells.push_back(DSModelEventData{static_cast<std::int32_t>(row),
-                                             static_cast<std::int32_t>(c), Object()});
-        }
-        grid.push_back(std::move(cells));
-    }
-    model.data = std::move(grid);
+    DSModelEvent model = ModelProperties::cells(*event, columnCount, rowCount);
     WSB_LOG(logger(), kLogLevel) << "publishCellModelProps, startRow = " << event->startRow
                                  << ", endRow = " << event->endRow;
     mPubSubDS.metaDataUpdated(model);
@@ -1334,8 +1089,8 @@ void WSViewModel::updateColumnSettings(const std::vector<std::u16string>& column
         mColumnNames = columnNames;
         mColumnKeys = columnOrder;
         mColumnWidths = columnWidths;
-        event = tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow, mEndRow,
-                           mStartColumn, columnCountChanged);
+        event = ViewportMath::tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow,
+                                         mEndRow, mStartColumn, columnCountChanged);
     }
     if (columnCountChanged)
         handleClientGetSize();
@@ -1352,38 +1107,14 @@ void WSViewModel::updateStatsSettings(bool statsFlag, double statsLimit) {
             return;
         mStatsFlag = statsFlag;
         mStatsLimit = statsLimit;
-        event = tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow, mEndRow,
-                           mStartColumn, false);
+        event = ViewportMath::tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow,
+                                         mEndRow, mStartColumn, false);
     }
     doBackgroundGetData(*event, true);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Selection
-
-std::vector<std::int32_t> WSViewModel::rowsOfLocked(const std::vector<std::string>& names) const {
-    std::vector<std::int32_t> rows;
-    rows.reserve(names.size());
-    if (names.size() <= kLinearLookupLimit) {
-        for (const std::string& name : names) {
-            const auto found = std::find(mVariableNames.begin(), mVariableNames.end(), name);
-            if (found != mVariableNames.end())
-                rows.push_back(toInt32(found - mVariableNames.begin()));
-        }
-        return rows;
-    }
-    // The first row of each name wins, as a search from the top would find it.
-    std::unordered_map<std::string_view, std::int32_t> index;
-    index.reserve(mVariableNames.size());
-    for (std::size_t i = 0; i < mVariableNames.size(); ++i)
-        index.try_emplace(mVariableNames[i], toInt32(static_cast<std::int64_t>(i)));
-    for (const std::string& name : names) {
-        const auto found = index.find(name);
-        if (found != index.end())
-            rows.push_back(found->second);
-    }
-    return rows;
-}
 
 void WSViewModel::handleSelectionChanged(std::vector<RowRange> rows) {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
@@ -1401,51 +1132,11 @@ void WSViewModel::selectionChanged(const std::vector<RowRange>& rows) {
     bool handOver = false;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        mSelectedVariables.clear();
         count = mVariableNames.size();
-        const auto listed = static_cast<std::int64_t>(count);
-        // Rows already taken, as disjoint ranges by first row: overlapping or repeated ranges
-        // select each row once, in the order the ranges first reach it, so that the work and
-        // the replies stay within the grid's size whatever the client sends.
-        std::map<std::int64_t, std::int64_t> taken;
-        for (const RowRange& range : rows) {
-            if (range.start >= listed || range.start > range.end)
-                continue;
-            // Rows before the first one do not exist; a range reaching back there is cut.
-            const std::int64_t first = std::max<std::int64_t>(range.start, 0);
-            const std::int64_t last = std::min<std::int64_t>(range.end, listed - 1);
-            if (first > last)
-                continue;
-            std::int64_t r = first;
-            auto next = taken.upper_bound(r);
-            if (next != taken.begin() && std::prev(next)->second >= r)
-                r = std::prev(next)->second + 1;
-            while (r <= last) {
-                next = taken.lower_bound(r);
-                const std::int64_t pieceEnd =
-                    next == taken.end() ? last : std::min(last, next->first - 1);
-                for (; r <= pieceEnd; ++r) {
-                    mSelectedVariables.push_back(mVariableNames[static_cast<std::size_t>(r)]);
-                    if (!text.empty())
-                        text += ", ";
-                    text += std::to_string(r);
-                }
-                if (next != taken.end() && next->first <= last)
-                    r = next->second + 1;
-            }
-            // Take [first, last], merged with the ranges it overlaps or touches.
-            std::int64_t mergedFirst = first;
-            std::int64_t mergedLast = last;
-            auto it = taken.upper_bound(first);
-            if (it != taken.begin() && std::prev(it)->second >= first - 1)
-                --it;
-            while (it != taken.end() && it->first <= last + 1) {
-                mergedFirst = std::min(mergedFirst, it->first);
-                mergedLast = std::max(mergedLast, it->second);
-                it = taken.erase(it);
-            }
-            taken.emplace(mergedFirst, mergedLast);
-        }
+        RowSelection::Picked picked = RowSelection::namesIn(mVariableNames, rows);
+        mSelectedVariables = std::move(picked.names);
+        for (const std::int64_t row : picked.rows)
+            text += (text.empty() ? "" : ", ") + std::to_string(row);
         selected = mSelectedVariables;
         columnCount = mColumnNames.size();
         handOver = !selected.empty() && !mHandleStartupServices;
@@ -1456,16 +1147,7 @@ void WSViewModel::selectionChanged(const std::vector<RowRange>& rows) {
     mPubSubVM.selectedVariablesUpdated(selected);
 
     // The table properties carry the selected names.
-    DSEvent table;
-    table.startRow = 0;
-    table.endRow = lastIndex(count);
-    table.startColumn = 0;
-    table.endColumn = lastIndex(columnCount);
-    table.fullStartRow = table.startRow;
-    table.fullEndRow = table.endRow;
-    table.fullStartColumn = table.startColumn;
-    table.fullEndColumn = table.endColumn;
-    handleClientGetTableMetaData(table);
+    handleClientGetTableMetaData(ViewportMath::wholeTable(count, columnCount));
 
     if (!handOver)
         return;
@@ -1482,16 +1164,9 @@ void WSViewModel::updateSelectedRowsToSelectedVariables() {
     std::vector<RowRange> ranges;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        if (!mSelectedVariables.empty()) {
-            // Rows in the order the names were selected, not sorted: each run of consecutive
-            // rows becomes one range.
-            for (const std::int32_t row : rowsOfLocked(mSelectedVariables)) {
-                if (ranges.empty() || std::int64_t{row} != std::int64_t{ranges.back().end} + 1)
-                    ranges.push_back(RowRange{row, row});
-                else
-                    ranges.back().end = row;
-            }
-        }
+        // Rows in the order the names were selected, not sorted.
+        if (!mSelectedVariables.empty())
+            ranges = RowSelection::runs(RowSelection::rowsOf(mVariableNames, mSelectedVariables));
     }
     // The selected names are kept even when none is listed now: they may come back with the
     // next workspace change.

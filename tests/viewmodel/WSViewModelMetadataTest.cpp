@@ -83,37 +83,6 @@ TEST(WSViewModelMetadata, TableColumnRowAndCellMetadataAsTheClientReceivesThem) 
         client.during([&] { client.range(14, 0, 9); }, [](const auto&) { return true; }).empty());
 }
 
-// Row and cell metadata reach only as far as the grid's rows, however far a request reaches;
-// a row reply still names the range that was asked for.
-TEST(WSViewModelMetadata, RowAndCellMetadataStopAtTheGridsRows) {
-    MetadataRig rig;
-    GridClient& client = rig.start();
-    auto entries = [&](int code, int startRow, int endRow, const std::string& kind) {
-        const auto found = client.during([&] { client.range(code, startRow, endRow); },
-                                         GridClient::is("metaDataType", kind));
-        EXPECT_EQ(found.size(), 1U);
-        if (found.size() != 1)
-            return std::string();
-        if (code == 22) {
-            EXPECT_EQ(found[0].number("endRow"), endRow);
-        }
-        return foundation::json::serialize(found[0].json.at("properties"));
-    };
-    // Checked on a moderate range first, so that a regression fails here instead of trying
-    // the largest range.
-    ASSERT_EQ(entries(22, -2, 20000, "RowModelProperties"),
-              R"([{"RowNumber":1},{"RowNumber":2},{"RowNumber":3},{"RowNumber":4},)"
-              R"({"RowNumber":5},{"RowNumber":6},{"RowNumber":7},{"RowNumber":8},)"
-              R"({"RowNumber":9},{"RowNumber":10}])");
-    const std::string lastCells =
-        R"([[{"ColumnNumber":1,"RowNumber":10},{"ColumnNumber":2,"RowNumber":10},)"
-        R"({"ColumnNumber":3,"RowNumber":10},{"ColumnNumber":4,"RowNumber":10}]])";
-    ASSERT_EQ(entries(23, 9, 20000, "CellModelProperties"), lastCells);
-    EXPECT_EQ(entries(22, 9, 2147483647, "RowModelProperties"), R"([{"RowNumber":10}])");
-    EXPECT_EQ(entries(23, 9, 2147483647, "CellModelProperties"), lastCells);
-    EXPECT_EQ(entries(23, 10, 2147483647, "CellModelProperties"), "[]");
-}
-
 TEST(WSViewModelMetadata, ColumnSettingsRepublishColumnsAndRowsAndTheSizeWhenItChanged) {
     MetadataRig rig;
     GridClient& client = rig.start();

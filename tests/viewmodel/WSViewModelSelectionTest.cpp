@@ -61,29 +61,11 @@ TEST(WSViewModelSelection, RangesAreClippedToNamesAndOnlyTheFirstSelectionReache
     EXPECT_EQ(table, R"({"eventType":3,"metaDataType":"TableModelProperties","properties":)"
                      R"([{"SelectedFields":"v000002,v000003,v000004,v000007","class":"char"}],)"
                      R"("source":"server"})");
-    // Past the end, reversed, wholly beyond, and reaching back before the first row.
-    EXPECT_EQ(rig.select({{8, 20}, {5, 3}, {10, 12}, {-3, 0}}).first,
-              variables(R"("v000008","v000009","v000000")"));
     EXPECT_EQ(rig.select({{5, 3}}).second,
               R"({"eventType":3,"metaDataType":"TableModelProperties","properties":)"
               R"([{"class":"char"}],"source":"server"})");
     rig.vm->onPreShutdown();
     EXPECT_EQ(rig.host.calls(), Names{"select v000002,v000003,v000004,v000007|2, 3, 4, 7"});
-}
-
-// However often ranges repeat or overlap, each row is selected once, where a range first
-// reaches it: what is selected and sent never outgrows the grid.
-TEST(WSViewModelSelection, RepeatedAndOverlappingRangesSelectEachRowOnce) {
-    SelectionRig rig;
-    std::vector<std::pair<int, int>> ranges = {{5, 7}, {2, 6}, {6, 6}};
-    ranges.resize(3000, {0, 199});
-    EXPECT_EQ(rig.select(ranges).first,
-              variables(R"("v000005","v000006","v000007","v000002","v000003","v000004",)"
-                        R"("v000000","v000001","v000008","v000009")"));
-    rig.vm->onPreShutdown();
-    EXPECT_EQ(rig.host.calls(),
-              Names{"select v000005,v000006,v000007,v000002,v000003,v000004,v000000,v000001,"
-                    "v000008,v000009|5, 6, 7, 2, 3, 4, 0, 1, 8, 9"});
 }
 
 TEST(WSViewModelSelection, SelectedRowsAreRunsInSelectionOrderAndFollowSorting) {

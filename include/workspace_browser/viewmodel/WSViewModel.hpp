@@ -33,6 +33,8 @@ class OrderedWorkQueue;
 
 namespace workspace_browser_startup {
 
+class LifetimeGate;
+
 // A host callback that receives two texts: (old name, new name) for a rename, (name, new value
 // text) for a value edit.
 using ViewModelCallback = std::function<void(std::string, std::string)>;
@@ -135,7 +137,6 @@ public:
     static const std::string CELL_IS_META_DATA;
 
 private:
-    struct LifetimeGate;
     struct PageRequest;
 
     void applyDataModelEvents(const WSListenersSubscriptionCallbackArg& events);
@@ -146,11 +147,8 @@ private:
     bool acceptsClientMessages() const;
     void publishPage(const std::shared_ptr<DSEvent>& event, const PageRequest& request,
                      std::vector<WSVariable> records);
-    WSVariable clientRecord(const WSVariable& variable,
-                            const std::unordered_set<std::string>& visible);
     // These read the view state: call them with mStateMutex held.
     std::vector<std::string> orderedColumnsLocked() const;
-    std::vector<std::int32_t> rowsOfLocked(const std::vector<std::string>& names) const;
     // The visible column at `index` among the ordered columns, or empty when there is none.
     std::string orderedColumnAtLocked(std::int64_t index) const;
     // Falls back to the name sort when there are too many names for a column sort.
