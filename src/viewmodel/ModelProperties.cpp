@@ -32,6 +32,14 @@ std::string header(const std::string& key, const WSColumn* column) {
         fl::i18n::MessageCatalog::get_message(fl::i18n::MessageID(id)));
 }
 
+// A reply of `kind` over the request's range, without entries yet.
+DSModelEvent reply(std::int32_t kind, const DSEvent& request) {
+    DSModelEvent model;
+    model.eventType = kind;
+    ViewportMath::copyRange(request, model);
+    return model;
+}
+
 } // namespace
 
 DSModelEvent ModelProperties::table(const DSEvent& request,
@@ -44,18 +52,14 @@ DSModelEvent ModelProperties::table(const DSEvent& request,
             fields += (i == 0 ? "" : ",") + selected[i];
         properties["SelectedFields"] = std::move(fields);
     }
-    DSModelEvent model;
-    model.eventType = kTableMetaData;
-    ViewportMath::copyRange(request, model);
+    DSModelEvent model = reply(kTableMetaData, request);
     model.data = DSModelEvent::List{DSModelEventData{0, 0, std::move(properties)}};
     return model;
 }
 
 DSModelEvent ModelProperties::columns(const DSEvent& range, const std::vector<std::string>& columns,
                                       const std::vector<double>& widths, std::size_t rowCount) {
-    DSModelEvent model;
-    model.eventType = kColumnMetaData;
-    ViewportMath::copyRange(range, model);
+    DSModelEvent model = reply(kColumnMetaData, range);
     const bool sortable = rowCount <= kMaxSortableRows;
     DSModelEvent::List list;
     list.reserve(columns.size());
@@ -80,9 +84,7 @@ DSModelEvent ModelProperties::columns(const DSEvent& range, const std::vector<st
 
 DSModelEvent ModelProperties::rows(const DSEvent& request, std::size_t rowCount,
                                    std::size_t columnCount) {
-    DSModelEvent model;
-    model.eventType = kRowMetaData;
-    ViewportMath::copyRange(request, model);
+    DSModelEvent model = reply(kRowMetaData, request);
     model.fullStartRow = request.startRow;
     model.fullEndRow = request.endRow;
     model.fullStartColumn = 0;
@@ -97,9 +99,7 @@ DSModelEvent ModelProperties::rows(const DSEvent& request, std::size_t rowCount,
 
 DSModelEvent ModelProperties::cells(const DSEvent& request, std::size_t columnCount,
                                     std::size_t rowCount) {
-    DSModelEvent model;
-    model.eventType = kCellMetaData;
-    ViewportMath::copyRange(request, model);
+    DSModelEvent model = reply(kCellMetaData, request);
     const auto [first, last] = ViewportMath::rowsInGrid(request, rowCount);
     DSModelEvent::Grid grid;
     for (std::int64_t row = first; row <= last; ++row) {
