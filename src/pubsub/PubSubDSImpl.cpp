@@ -77,6 +77,21 @@ Value count(std::int32_t start, std::int32_t end) {
     return Value(static_cast<double>(std::int64_t{end} - std::int64_t{start} + 1));
 }
 
+// Each entry's properties, with its 1-based column and row numbers added as asked.
+Array numbered(const std::vector<DSModelEventData>& entries, bool column, bool row) {
+    Array properties;
+    properties.reserve(entries.size());
+    for (const DSModelEventData& element : entries) {
+        Object object = element.properties;
+        if (column)
+            object[kColumnNumber] = oneBased(element.column);
+        if (row)
+            object[kRowNumber] = oneBased(element.row);
+        properties.emplace_back(std::move(object));
+    }
+    return properties;
+}
+
 // The events being dispatched on this thread, innermost last; an observer may deliver another
 // message from inside its call.
 thread_local std::vector<std::shared_ptr<DSEvent>> tDispatching;
@@ -311,14 +326,8 @@ void PubSubDSImpl::metaDataUpdated(const DSModelEvent& event) {
 
     switch (event.eventType) {
     case kColumnMetaData: {
-        Array properties;
-        for (const DSModelEventData& element : std::get<DSModelEvent::List>(event.data)) {
-            Object object = element.properties;
-            object[kColumnNumber] = oneBased(element.column);
-            properties.emplace_back(std::move(object));
-        }
         message[kMetaDataType] = "ColumnModelProperties";
-        message[kProperties] = std::move(properties);
+        message[kProperties] = numbered(std::get<DSModelEvent::List>(event.data), true, false);
         message[EVENT_PROPERTY_START_COLUMN] = event.startColumn;
         message[EVENT_PROPERTY_END_COLUMN] = event.endColumn;
         message[EVENT_PROPERTY_FULL_START_COLUMN] = event.fullStartColumn;
@@ -326,14 +335,8 @@ void PubSubDSImpl::metaDataUpdated(const DSModelEvent& event) {
         break;
     }
     case kRowMetaData: {
-        Array properties;
-        for (const DSModelEventData& element : std::get<DSModelEvent::List>(event.data)) {
-            Object object = element.properties;
-            object[kRowNumber] = oneBased(element.row);
-            properties.emplace_back(std::move(object));
-        }
         message[kMetaDataType] = "RowModelProperties";
-        message[kProperties] = std::move(properties);
+        message[kProperties] = numbered(std::get<DSModelEvent::List>(event.data), false, true);
         message[EVENT_PROPERTY_START_ROW] = event.startRow;
         message[EVENT_PROPERTY_END_ROW] = event.endRow;
         message[EVENT_PROPERTY_FULL_START_ROW] = event.fullStartRow;
@@ -341,25 +344,14 @@ void PubSubDSImpl::metaDataUpdated(const DSModelEvent& event) {
         break;
     }
     case kTableMetaData: {
-        Array properties;
-        for (const DSModelEventData& element : std::get<DSModelEvent::List>(event.data))
-            properties.emplace_back(element.properties);
         message[kMetaDataType] = "TableModelProperties";
-        message[kProperties] = std::move(properties);
+        message[kProperties] = numbered(std::get<DSModelEvent::List>(event.data), false, false);
         break;
     }
     case kCellMetaData: {
         Array rows;
-        for (const auto& row : std::get<DSModelEvent::Grid>(event.data)) {
-            Array cells;
-            for (const DSModelEventData& element : row) {
-                Object object = element.properties;
-                object[kColumnNumber] = oneBased(element.column);
-                object[kRowNumber] = oneBased(element.row);
-                cells.emplace_back(std::move(object));
-            }
-            rows.emplace_back(std::move(cells));
-        }
+        for (const auto& row : std::get<DSModelEvent::Grid>(event.data))
+            rows.emplace_back(numbered(row, true, true));
         message[kMetaDataType] = "CellModelProperties";
         message[kProperties] = std::move(rows);
         break;
