@@ -20,7 +20,7 @@ BrowserApp::BrowserApp(std::shared_ptr<WorkspaceHost> host,
     : mHost(std::move(host)), mService(std::move(service)), mOptions(std::move(options)),
       mDataModel(std::make_shared<WSDataModel>(mHost->subscribeFunction(), mHost->displayFunction(),
                                                mHost->triggerFunction())),
-      mRetired(threadutil::OrderedWorkQueue::create("wsbPages")) {
+      mClosingPages(threadutil::OrderedWorkQueue::create("wsbPages")) {
     if (mOptions.watch) {
         auto sink = mOptions.watchSink;
         mWatcher = std::make_unique<VEAppViewModel>(mService, "wsbrowser-watch", mDataModel,
@@ -45,7 +45,7 @@ BrowserApp::BrowserApp(std::shared_ptr<WorkspaceHost> host,
 
 BrowserApp::~BrowserApp() {
     try {
-        shutdown();
+        stop();
     } catch (const std::exception& e) {
         WSB_LOG(logger(), foundation::log::kError) << "Shutting down failed: " << e.what();
     }
@@ -75,15 +75,15 @@ void BrowserApp::pageDisconnected(const std::string& pageId) {
         session = std::move(found->second);
         mSessions.erase(found);
         // The view model waits for its own work while shutting down; that work may be waiting
-        // for the very thread that reports the page gone, so it is retired elsewhere.
+        // for the very thread that reports the page gone, so it is closed elsewhere.
         try {
-            mRetired->push([session]() mutable {
-                session->shutdown();
+            mClosingPages->push([session]() mutable {
+                session->close();
                 session.reset();
             });
         } catch (const std::exception& e) {
             WSB_LOG(logger(), foundation::log::kError)
-                << "Cannot retire page " << pageId << ": " << e.what();
+                << "Cannot close page " << pageId << ": " << e.what();
         }
     }
     WSB_LOG(logger(), foundation::log::kInfo) << "Page " << pageId << " disconnected";
@@ -101,7 +101,7 @@ std::vector<std::string> BrowserApp::pageIds() const {
     return ids;
 }
 
-void BrowserApp::shutdown() {
+void BrowserApp::stop() {
     std::map<std::string, std::shared_ptr<PageSession>> sessions;
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -110,9 +110,9 @@ void BrowserApp::shutdown() {
         mShutDown = true;
         sessions.swap(mSessions);
     }
-    mRetired->terminate(true);
+    mClosingPages->terminate(true);
     for (auto& entry : sessions)
-        entry.second->shutdown();
+        entry.second->close();
     sessions.clear();
     if (mWatcher) {
         mWatcher->onPreShutdown();

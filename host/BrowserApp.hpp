@@ -41,7 +41,7 @@ public:
     BrowserApp& operator=(const BrowserApp&) = delete;
 
     // The page handlers of the message service. An id seen twice keeps its first session;
-    // after shutdown() they do nothing.
+    // after stop() they do nothing.
     void pageConnected(const std::string& pageId);
     void pageDisconnected(const std::string& pageId);
 
@@ -49,7 +49,7 @@ public:
     std::vector<std::string> pageIds() const;
 
     // Stops everything in the order above; the caller stops delivering page messages first.
-    void shutdown();
+    void stop();
 
     // "added: a, b" and the like, from an app view model notification.
     static std::string describeChange(const std::vector<std::string>& notification);
@@ -60,7 +60,7 @@ private:
     Options mOptions;
     std::shared_ptr<workspace_browser_startup::WSDataModel> mDataModel;
     std::unique_ptr<workspace_browser_startup::VEAppViewModel> mWatcher;
-    std::shared_ptr<threadutil::OrderedWorkQueue> mRetired; // shuts departed pages down
+    std::shared_ptr<threadutil::OrderedWorkQueue> mClosingPages; // closes departed pages
 
     mutable std::mutex mMutex; // guards mSessions and mShutDown
     std::map<std::string, std::shared_ptr<PageSession>> mSessions;

@@ -98,10 +98,10 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
 }
 
 PageSession::~PageSession() {
-    shutdown();
+    close();
 }
 
-void PageSession::shutdown() {
+void PageSession::close() {
     if (mConsole)
         mConsole->close();
     if (mColumns)

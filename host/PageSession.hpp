@@ -18,7 +18,7 @@ namespace wsbrowser {
 // showing every column of the column table, "/Columns/<pageId>" telling the page which key each
 // column position holds, and, unless consoles are off, a console on "/Console/<pageId>".
 // The view model's rename and edit requests go to the workspace; selection and count are
-// logged. Thread-safe as far as its parts are; shutdown() and destruction must not run on the
+// logged. Thread-safe as far as its parts are; close() and destruction must not run on the
 // service's delivery thread nor on the view model's own queue.
 class PageSession {
 public:
@@ -31,13 +31,14 @@ public:
     PageSession(connector::message_service::MessageService::Ptr service, std::string pageId,
                 std::shared_ptr<workspace_browser_startup::WSDataModel> dataModel,
                 std::shared_ptr<WorkspaceHost> host, Options options);
-    // Shuts down first when that was not done.
+    // Closes first when that was not done.
     ~PageSession();
     PageSession(const PageSession&) = delete;
     PageSession& operator=(const PageSession&) = delete;
 
-    // Closes the console and shuts the view model down. Calling it again does nothing more.
-    void shutdown();
+    // Closes the console and columns channels and shuts the view model down. Calling it again
+    // does nothing more.
+    void close();
 
     // Sends a host message to the page's console; nothing without a console.
     void notify(const std::string& message);

@@ -160,7 +160,7 @@ int run(const wsbrowser::HostOptions& options) {
         // Pages first (no more messages), then the view models and the data model, then the
         // workspace, and the interpreter last.
         service->stop();
-        app.shutdown();
+        app.stop();
         host->close();
     }
     interpreter->stop();

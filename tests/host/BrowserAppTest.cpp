@@ -53,7 +53,7 @@ struct AppRig {
         };
         app = std::make_unique<wsbrowser::BrowserApp>(workspace.host, service, options);
     }
-    ~AppRig() { app->shutdown(); }
+    ~AppRig() { app->stop(); }
 
     std::shared_ptr<Service> service = std::make_shared<Service>();
     HostRig workspace;
@@ -147,7 +147,7 @@ TEST(BrowserApp, PagesComeAndGoIndependentlyAndConsolesCanBeOff) {
     EXPECT_EQ(console.count(), 0U);
     EXPECT_TRUE(rig.workspace.host->variableNames().empty());
 
-    rig.app->shutdown();
+    rig.app->stop();
     rig.app->pageConnected("c"); // too late: ignored
     EXPECT_TRUE(rig.app->pageIds().empty());
 }
