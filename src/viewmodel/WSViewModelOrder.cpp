@@ -1,0 +1,343 @@
+// The view model's display order: workspace changes, sorting and refresh.
+
+#include "WSViewModelParts.hpp"
+
+#include "ClientRecord.hpp"
+#include "LifetimeGate.hpp"
+#include "ModelProperties.hpp"
+#include "RowSelection.hpp"
+#include "ViewportMath.hpp"
+
+#include <workspace_browser/datamodel/WSColumn.hpp>
+#include <workspace_browser/platform/DiagnosticLogger.hpp>
+#include <workspace_browser/platform/i18n/MessageCatalog.hpp>
+#include <workspace_browser/platform/i18n/MessageID.hpp>
+#include <workspace_browser/platform/json/Serialize.hpp>
+#include <workspace_browser/platform/json/Value.hpp>
+#include <workspace_browser/pubsub/DSModelEventData.hpp>
+#include <workspace_browser/pubsub/JsonTypedValues.hpp>
+#include <workspace_browser/threadutil/OrderedWorkQueue.hpp>
+#include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
+
+#include <boost/locale/encoding_utf.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <cstddef>
+#include <exception>
+#include <limits>
+#include <map>
+#include <ostream>
+#include <stdexcept>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+namespace workspace_browser_startup {
+
+using foundation::json::Array;
+using foundation::json::Object;
+using foundation::json::Value;
+using namespace wsviewmodel;
+
+namespace {
+
+constexpr const char* kTraceFile = "WSViewModelOrder.cpp";
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Workspace changes
+
+void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg& events) {
+    WSB_LOG(logger(), kLogLevel) << "Variables Changed from Data Model";
+    try {
+        bool namesChanged = false;
+        bool clearSelection = false;
+        bool selectedRemoved = false;
+        bool republishColumns = false;
+        std::size_t oldCount = 0;
+        std::size_t count = 0;
+        {
+            std::lock_guard<std::mutex> lock(mStateMutex);
+            oldCount = mVariableNameSet.size();
+            for (const EventInfo& event : events) {
+                switch (event.type) {
+                case EventType::VARIABLE_DELETED:
+                    for (const std::string& name : event.variableNames) {
+                        mVariableNameSet.erase(name);
+                        if (std::erase(mSelectedVariables, name) > 0)
+                            selectedRemoved = true;
+                    }
+                    namesChanged = true;
+                    break;
+                case EventType::VARIABLE_CHANGED: {
+                    WSB_LOG(logger(), kLogLevel)
+                        << "WSViewModel Handling VARIABLE_CHANGED or ADDED";
+                    const std::size_t before = mVariableNameSet.size();
+                    for (const std::string& name : event.variableNames)
+                        mVariableNameSet.insert(name);
+                    if (mVariableNameSet.size() > before)
+                        namesChanged = true;
+                    break;
+                }
+                case EventType::WORKSPACE_CLEARED:
+                    WSB_LOG(logger(), kLogLevel) << "WSViewModel Handling WORKSPACE_CLEARED";
+                    mVariableNameSet.clear();
+                    namesChanged = true;
+                    clearSelection = true;
+                    break;
+                default:
+                    // New names arrive as changed variables; the data model sends added ones
+                    // that way too.
+                    break;
+                }
+            }
+            count = mVariableNameSet.size();
+            // The display order is rebuilt from the set by sortVariables below; an empty set
+            // needs no sort.
+            if (namesChanged && count == 0) {
+                setVariableNamesLocked({});
+                ++mNamesGeneration;
+            }
+            if (!namesChanged)
+                count = oldCount;
+        }
+
+        if (namesChanged) {
+            if (mCountCallback)
+                mCountCallback(count);
+
+            {
+                std::lock_guard<std::mutex> lock(mStateMutex);
+                if (oldCount <= kMaxSortableVariables && count > kMaxSortableVariables) {
+                    if (mSortColumn != kNameColumn) {
+                        WSB_LOG(logger(), kLogLevel) << "Reset sort to alphabetical by name";
+                        mSortColumn = kNameColumn;
+                        mSortAscending = true;
+                    }
+                    republishColumns = true;
+                } else if (oldCount > kMaxSortableVariables && count <= kMaxSortableVariables) {
+                    republishColumns = true;
+                }
+            }
+
+            if (count > 0)
+                sortVariables();
+            WSB_LOG(logger(), kLogLevel) << "Variables updated. new size=" << count;
+        }
+
+        std::shared_ptr<DSEvent> event;
+        {
+            std::lock_guard<std::mutex> lock(mStateMutex);
+            event = ViewportMath::tableEvent(count, mColumnNames.size(), mStartRow, mEndRow,
+                                             std::max(mStartColumn, 0), count != oldCount);
+        }
+        if (count < 2)
+            clearSelection = true;
+        WSB_LOG(logger(), kLogLevel) << "endRow before publishData: " << event->endRow;
+
+        publishData(event, false);
+
+        if (clearSelection)
+            selectionChanged({});
+        else if (count == oldCount && selectedRemoved)
+            updateSelectedRowsToSelectedVariables();
+
+        if (republishColumns)
+            publishColumnModelProps(event, false);
+    } catch (const std::exception& e) {
+        WSB_LOG(logger(), kLogLevel) << "Exception caught: " << e.what();
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sorting
+
+void WSViewModel::handleSortChanged(int sortColumn, bool sortAscending) {
+    WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
+    WSB_LOG(logger(), kLogLevel) << "handleSortChanged sortColumn: " << sortColumn
+                                 << " sortAscending: " << (sortAscending ? 1 : 0);
+    {
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        // The index counts the columns as the grid shows them, the same way pages and edits do.
+        // A column the grid does not have throws std::out_of_range back to the channel.
+        std::string column = orderedColumnAtLocked(sortColumn);
+        if (column.empty())
+            throw std::out_of_range("handleSortChanged: no such column");
+        mSortColumn = std::move(column);
+        mSortAscending = sortAscending;
+        limitSortLocked(mVariableNames.size());
+    }
+    pushCountedJob([this] {
+        sortVariables();
+        std::shared_ptr<DSEvent> event;
+        {
+            std::lock_guard<std::mutex> lock(mStateMutex);
+            event = ViewportMath::tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow,
+                                             mEndRow, 0, true);
+        }
+        publishData(event, false);
+        updateSelectedRowsToSelectedVariables();
+    });
+}
+
+void WSViewModel::sortVariables() {
+    WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
+    std::vector<std::string> names;
+    std::string column;
+    bool ascending = true;
+    std::uint64_t generation = 0;
+    std::vector<std::string> fields;
+    bool statsFlag = false;
+    double statsLimit = 0;
+    std::shared_ptr<std::unordered_set<std::string>> listed;
+    {
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        limitSortLocked(mVariableNameSet.size());
+        generation = ++mNamesGeneration;
+        column = mSortColumn;
+        ascending = mSortAscending;
+        if (column == kNameColumn) {
+            // The set already holds the names in ascending name order, and that order is a
+            // strict total order whose descending form is its exact reverse: sorting by name is
+            // a copy, reversed for descending.
+            if (ascending)
+                names.assign(mVariableNameSet.begin(), mVariableNameSet.end());
+            else
+                names.assign(mVariableNameSet.rbegin(), mVariableNameSet.rend());
+        } else {
+            setVariableNamesLocked({mVariableNameSet.begin(), mVariableNameSet.end()});
+            // The records cover every name the data model knows; the grid lists only its own
+            // (a refresh may have listed fewer).
+            listed = std::make_shared<std::unordered_set<std::string>>(mVariableNameSet.begin(),
+                                                                       mVariableNameSet.end());
+            fields = uStringVectorToStdStringVector(mColumnNames);
+            statsFlag = mStatsFlag;
+            statsLimit = mStatsLimit;
+        }
+    }
+
+    if (column == kNameColumn) {
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        if (generation == mNamesGeneration)
+            setVariableNamesLocked(std::move(names));
+        return;
+    }
+
+    // The records may come twice, the second time late and from the host's thread; a newer
+    // rebuild of the list in the meantime wins over them.
+    const std::shared_ptr<LifetimeGate> gate = mGate;
+    WSVariablesCallback onRecords = [this, gate, column, ascending, generation,
+                                     listed](std::vector<WSVariable> records) {
+        const LifetimeGate::Pass pass(*gate);
+        if (!pass)
+            return;
+        WSB_LOG(logger(), kLogLevel) << "Sort Column: " << column;
+        std::erase_if(records, [&listed](const WSVariable& record) {
+            return !listed->contains(record.name);
+        });
+        WSVariableAlphabeticalSortComparator{ascending, column}.sort(records);
+        std::vector<std::string> sorted;
+        sorted.reserve(records.size());
+        for (WSVariable& record : records)
+            sorted.push_back(std::move(record.name));
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        if (generation == mNamesGeneration)
+            setVariableNamesLocked(std::move(sorted));
+    };
+    mDataModel->getVariables(mDataModel->getVariableNames(), std::move(fields), statsFlag,
+                             statsLimit, std::move(onRecords), false);
+}
+
+void WSViewModel::setVariableNamesLocked(std::vector<std::string> names) {
+    if (names == mVariableNames)
+        return;
+    mVariableNames = std::move(names);
+    ++mOrderGeneration;
+}
+
+void WSViewModel::limitSortLocked(std::size_t count) {
+    if (count > kMaxSortableVariables && mSortColumn != kNameColumn) {
+        WSB_LOG(logger(), kLogLevel) << "Reset sort to alphabetical by name";
+        mSortColumn = kNameColumn;
+        mSortAscending = true;
+    }
+}
+
+std::string WSViewModel::orderedColumnAtLocked(std::int64_t index) const {
+    const std::vector<std::string> ordered = orderedColumnsLocked();
+    if (index < 0 || index >= static_cast<std::int64_t>(ordered.size()))
+        return {};
+    return ordered[static_cast<std::size_t>(index)];
+}
+
+void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immediateUpdate) {
+    WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
+    const LifetimeGate::Pass pass(*mGate);
+    if (!pass || !acceptsClientMessages())
+        return;
+    bool byColumn = false;
+    std::int64_t count = 0;
+    std::int64_t columns = 0;
+    std::int32_t startRow = 0;
+    std::int32_t endRow = 0;
+    std::int32_t startColumn = 0;
+    std::int32_t endColumn = 0;
+    {
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        mVariableNameSet.clear();
+        for (const std::string& name : variables)
+            mVariableNameSet.insert(name);
+        limitSortLocked(variables.size());
+        std::sort(variables.begin(), variables.end(),
+                  TextAlphabeticalSortComparator{mSortAscending});
+        setVariableNamesLocked(std::move(variables));
+        ++mNamesGeneration;
+        byColumn = mSortColumn != kNameColumn;
+        count = static_cast<std::int64_t>(mVariableNames.size());
+        columns = static_cast<std::int64_t>(mColumnNames.size());
+        startRow = mStartRow;
+        endRow = mEndRow;
+        startColumn = mStartColumn;
+        endColumn = mEndColumn;
+    }
+    // Under a column sort the pages come in that column's order, so the rows are put in that
+    // order too: a rename, edit or selection of a row must act on the variable the row shows.
+    if (byColumn) {
+        sortVariables();
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        count = static_cast<std::int64_t>(mVariableNames.size());
+    }
+    mPubSubDS.sizeUpdated(ViewportMath::toInt32(count), ViewportMath::toInt32(columns));
+    if (immediateUpdate)
+        publishVariableNames();
+
+    WSB_LOG(logger(), kLogLevel) << "Refresh startRow=" << startRow << " endRow=" << endRow
+                                 << " startCol=" << startColumn << " endColumn=" << endColumn;
+
+    DSEvent event;
+    if (!(startRow == 0 && endRow == 0) && count > 0) {
+        const std::int64_t first = std::clamp<std::int64_t>(startRow, 0, count - 1);
+        event.startRow = ViewportMath::toInt32(first);
+        event.endRow = ViewportMath::toInt32(
+            std::clamp<std::int64_t>(endRow + kRefreshRowMargin, first, count - 1));
+    } else {
+        event.startRow = 0;
+        event.endRow = ViewportMath::toInt32(
+            std::max<std::int64_t>(std::min(count - 1, kRefreshRowMargin), 0));
+    }
+    event.startColumn = ViewportMath::toInt32(std::clamp<std::int64_t>(startColumn, 0, count));
+    event.endColumn = endColumn;
+    event.fullStartRow = 0;
+    event.fullEndRow = ViewportMath::toInt32(count - 1);
+    event.fullStartColumn = 0;
+    event.fullEndColumn = ViewportMath::lastIndex(static_cast<std::size_t>(columns));
+    event.sizeChanged = true;
+    WSB_LOG(logger(), kLogLevel) << "Refresh resolved startRow=" << event.startRow
+                                 << " endRow=" << event.endRow << " startCol=" << event.startColumn
+                                 << " endColumn=" << event.endColumn;
+    doBackgroundGetData(event, true);
+}
+
+} // namespace workspace_browser_startup
