@@ -6,11 +6,6 @@
 
 namespace connector::message_service {
 
-class WebSocketMessageService::Impl : public websocket::ServerCore {
-public:
-    using ServerCore::ServerCore;
-};
-
 WebSocketMessageService::WebSocketMessageService(WebSocketServerOptions options)
     : mImpl(std::make_shared<Impl>(std::move(options))) {}
 

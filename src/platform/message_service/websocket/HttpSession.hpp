@@ -1,5 +1,7 @@
 #pragma once
 
+#include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>
+
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/message.hpp>
@@ -13,7 +15,8 @@
 
 namespace connector::message_service::websocket {
 
-class ServerCore;
+// The service's private implementation, declared by the public header.
+using ServerCore = WebSocketMessageService::Impl;
 
 // One HTTP connection before (or instead of) a WebSocket: checks Host, token and Origin, serves
 // the web client's files, and hands an accepted upgrade over to a WsConnection.

@@ -20,7 +20,11 @@
 
 #include <sys/resource.h>
 
-namespace connector::message_service::websocket {
+namespace connector::message_service {
+
+// The server's parts (sessions, connections, the delivery queue) live in the websocket
+// namespace; the core itself is the service's private implementation.
+using namespace websocket;
 
 namespace asio = boost::asio;
 using tcp = asio::ip::tcp;
@@ -59,13 +63,13 @@ std::string chooseToken(const std::string& given) {
 
 } // namespace
 
-ServerCore::ServerCore(WebSocketServerOptions options)
+ServerCore::Impl(WebSocketServerOptions options)
     : mOptions(std::move(options)), mToken(chooseToken(mOptions.token)), mAcceptor(mIoc),
       mShutdownDeadline(mIoc), mAcceptRetry(mIoc), mDelivery("wsb-ws-deliver"),
       mPort(mOptions.port),
       mWarnings(serviceLogger(), foundation::log::kWarning, kWarningInterval) {}
 
-ServerCore::~ServerCore() {
+ServerCore::~Impl() {
     // Nothing may leave a destructor; a failure to stop cleanly still ends the service.
     try {
         stop();
@@ -360,4 +364,4 @@ Future<void> ServerCore::publish(const std::string& channel, const JsonMessage& 
     return make_ready_future();
 }
 
-} // namespace connector::message_service::websocket
+} // namespace connector::message_service

@@ -23,23 +23,28 @@
 #include <string>
 #include <thread>
 
-namespace connector::message_service::websocket {
+namespace connector::message_service {
 
+namespace websocket {
 class HttpSession;
 class WsConnection;
+} // namespace websocket
 
-// The server behind WebSocketMessageService: the listener and its connections on one I/O thread,
-// the server subscriptions, and the delivery thread that calls them.
+// The server behind WebSocketMessageService, which holds it as its private implementation: the
+// listener and its connections on one I/O thread, the server subscriptions, and the delivery
+// thread that calls them. The sessions and connections know it as websocket::ServerCore.
 // Thread-safe for the public service operations; the members marked "I/O thread" are called only
 // from the I/O thread (or by stop once that thread has ended).
-class ServerCore {
+class WebSocketMessageService::Impl {
 public:
     using PageHandler = WebSocketMessageService::PageHandler;
+    using HttpSession = websocket::HttpSession;
+    using WsConnection = websocket::WsConnection;
 
-    explicit ServerCore(WebSocketServerOptions options);
-    ~ServerCore();
-    ServerCore(const ServerCore&) = delete;
-    ServerCore& operator=(const ServerCore&) = delete;
+    explicit Impl(WebSocketServerOptions options);
+    ~Impl();
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
 
     std::uint16_t port() const { return mPort.load(); }
     const std::string& token() const { return mToken; }
@@ -95,8 +100,8 @@ private:
     std::thread mIoThread;
 
     std::shared_ptr<SubscriberRegistry> mRegistry =
-        std::make_shared<SubscriberRegistry>(serviceLogger(), "subscriber");
-    DeliveryQueue mDelivery;
+        std::make_shared<SubscriberRegistry>(websocket::serviceLogger(), "subscriber");
+    websocket::DeliveryQueue mDelivery;
 
     std::mutex mMutex; // guards mState and the page handlers
     State mState = State::Created;
@@ -112,9 +117,13 @@ private:
     bool mShuttingDown = false;
     std::size_t mConnectionLimit = 0;         // set by start
     std::chrono::milliseconds mAcceptDelay{}; // 0 until accepting fails
-    LogThrottle mWarnings;
+    websocket::LogThrottle mWarnings;
     std::map<std::uint64_t, std::weak_ptr<HttpSession>> mHttpSessions;
     std::map<std::uint64_t, std::shared_ptr<WsConnection>> mConnections;
 };
 
-} // namespace connector::message_service::websocket
+namespace websocket {
+using ServerCore = WebSocketMessageService::Impl;
+} // namespace websocket
+
+} // namespace connector::message_service

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <workspace_browser/platform/message_service/WebSocketMessageService.hpp>
+
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
@@ -18,7 +20,8 @@
 
 namespace connector::message_service::websocket {
 
-class ServerCore;
+// The service's private implementation, declared by the public header.
+using ServerCore = WebSocketMessageService::Impl;
 
 // One page's WebSocket: reads its envelopes, keeps its channel subscriptions, and writes the
 // frames meant for it, one write in flight and a bounded queue behind it.
