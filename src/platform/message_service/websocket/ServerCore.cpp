@@ -180,7 +180,7 @@ void ServerCore::stop() {
         // get their disconnect handlers.
         const auto left = mConnections;
         for (const auto& entry : left)
-            entry.second->abort();
+            entry.second->closeNow();
         for (const auto& entry : mHttpSessions) {
             if (auto session = entry.second.lock())
                 session->shutdownNow();
@@ -261,7 +261,7 @@ void ServerCore::beginShutdown() {
         session->shutdownNow();
     const auto connections = mConnections;
     for (const auto& entry : connections)
-        entry.second->closeForStop();
+        entry.second->close();
     if (mConnections.empty() && mHttpSessions.empty())
         return;
     mShutdownDeadline.expires_after(kShutdownGrace);

@@ -47,12 +47,12 @@ void WsConnection::accept(Request request) {
 
 void WsConnection::onAccept(beast::error_code ec) {
     mUpgrade = {};
-    if (mFinished)
+    if (mEnded)
         return;
     if (ec) {
         WSB_LOG(serviceLogger(), foundation::log::kDetail)
             << "WebSocket handshake failed: " << ec.message();
-        finish();
+        end();
         return;
     }
     mPageId = mCore.openPage();
@@ -68,7 +68,7 @@ void WsConnection::readNext() {
 }
 
 void WsConnection::onRead(beast::error_code ec) {
-    if (mFinished)
+    if (mEnded)
         return;
     if (ec) {
         if (ec == ws::error::message_too_big) {
@@ -80,7 +80,7 @@ void WsConnection::onRead(beast::error_code ec) {
             WSB_LOG(serviceLogger(), foundation::log::kDetail)
                 << "Page " << mPageId << " connection ended: " << ec.message();
         }
-        finish();
+        end();
         return;
     }
     if (!mWs.got_text()) {
@@ -91,7 +91,7 @@ void WsConnection::onRead(beast::error_code ec) {
         handleFrame(std::string_view(static_cast<const char*>(data.data()), data.size()));
     }
     mBuffer.consume(mBuffer.size());
-    if (mFinished || mClosing)
+    if (mEnded || mClosing)
         return;
 
     // A page that publishes faster than the subscribers consume must not grow the delivery queue
@@ -142,16 +142,16 @@ void WsConnection::inboundDelivered(std::size_t bytes) {
 }
 
 void WsConnection::resumeReading() {
-    if (mPaused.exchange(false) && !mFinished && !mClosing)
+    if (mPaused.exchange(false) && !mEnded && !mClosing)
         readNext();
 }
 
 bool WsConnection::isSubscribed(const std::string& channel) const {
-    return !mFinished && mChannels.count(channel) != 0;
+    return !mEnded && mChannels.count(channel) != 0;
 }
 
 void WsConnection::send(std::shared_ptr<const std::string> frame) {
-    if (mFinished || mClosing)
+    if (mEnded || mClosing)
         return;
     // The frame being written counts too; a single frame is always accepted on an empty queue,
     // so the bound limits the backlog, not the size of one message.
@@ -160,7 +160,7 @@ void WsConnection::send(std::shared_ptr<const std::string> frame) {
         WSB_LOG(serviceLogger(), foundation::log::kWarning)
             << "Page " << mPageId << " does not read its messages (" << mQueuedBytes
             << " bytes waiting); its connection is dropped";
-        abort();
+        closeNow();
         return;
     }
     mQueuedBytes += cost;
@@ -178,10 +178,10 @@ void WsConnection::writeNext() {
 }
 
 void WsConnection::onWrite(beast::error_code ec) {
-    if (mFinished)
+    if (mEnded)
         return;
     if (ec) {
-        abort();
+        closeNow();
         return;
     }
     mQueuedBytes -= mQueue.front()->size() + kQueueEntryOverhead;
@@ -190,33 +190,33 @@ void WsConnection::onWrite(beast::error_code ec) {
         writeNext();
 }
 
-void WsConnection::closeForStop() {
-    if (mFinished || mClosing)
+void WsConnection::close() {
+    if (mEnded || mClosing)
         return;
     if (mPageId.empty()) {
-        abort();
+        closeNow();
         return;
     }
     mClosing = true;
     mWs.async_close(ws::close_code::going_away, [self = shared_from_this()](beast::error_code ec) {
         if (ec)
-            self->abort();
-        self->finish();
+            self->closeNow();
+        self->end();
     });
 }
 
-void WsConnection::abort() {
+void WsConnection::closeNow() {
     beast::error_code ignored;
     auto& socket = beast::get_lowest_layer(mWs).socket();
     socket.shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
     beast::get_lowest_layer(mWs).close();
-    finish();
+    end();
 }
 
-void WsConnection::finish() {
-    if (mFinished)
+void WsConnection::end() {
+    if (mEnded)
         return;
-    mFinished = true;
+    mEnded = true;
     mQueue.clear();
     mQueuedBytes = 0;
     mChannels.clear();

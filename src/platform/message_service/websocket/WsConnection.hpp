@@ -40,13 +40,13 @@ public:
     // Queues a text frame; a client whose queue would pass the bound is disconnected instead.
     void send(std::shared_ptr<const std::string> frame);
     bool isSubscribed(const std::string& channel) const;
-    // Server shutdown: a close handshake ("going away"), or an abrupt close before the page is
-    // open.
-    void closeForStop();
-    // Closes the socket at once and finishes.
-    void abort();
-    // Ends the connection's life in the server: runs once, tells the core.
-    void finish();
+    // Closing a page, the one verb: close() politely, with a close handshake ("going away"; an
+    // abrupt close before the page is open), as the service stops; closeNow() at once, as for a
+    // page that broke the protocol. Either way the connection then ends.
+    void close();
+    void closeNow();
+    // The connection's life in the server is over: runs once, tells the core.
+    void end();
     // The delivery thread has handed `bytes` of this page's messages to the subscribers.
     void inboundDelivered(std::size_t bytes);
 
@@ -80,7 +80,7 @@ private:
     std::deque<std::shared_ptr<const std::string>> mQueue; // the front one is being written
     std::size_t mQueuedBytes = 0;
     bool mClosing = false;
-    bool mFinished = false;
+    bool mEnded = false;
     // Bytes read from this page and not yet delivered; reading pauses above the bound.
     std::atomic<std::size_t> mPendingInbound{0};
     std::atomic<bool> mPaused{false};
