@@ -37,7 +37,7 @@ public:
     const std::string& pageId() const { return mPageId; }
     // Completes the WebSocket handshake for this upgrade request.
     void accept(Request request);
-    // Queues a text frame; a client whose queue would pass the bound is disconnected instead.
+    // Queues a text frame; a page whose queue would pass the bound is disconnected instead.
     void send(std::shared_ptr<const std::string> frame);
     bool isSubscribed(const std::string& channel) const;
     // Closing a page, the one verb: close() politely, with a close handshake ("going away"; an
