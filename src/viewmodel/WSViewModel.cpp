@@ -2,42 +2,22 @@
 
 #include "WSViewModelParts.hpp"
 
-#include "ClientRecord.hpp"
 #include "LifetimeGate.hpp"
-#include "ModelProperties.hpp"
 #include "RowSelection.hpp"
 #include "ViewportMath.hpp"
 
-#include <workspace_browser/datamodel/WSColumn.hpp>
-#include <workspace_browser/platform/DiagnosticLogger.hpp>
-#include <workspace_browser/platform/i18n/MessageCatalog.hpp>
-#include <workspace_browser/platform/i18n/MessageID.hpp>
-#include <workspace_browser/platform/json/Serialize.hpp>
 #include <workspace_browser/platform/json/Value.hpp>
-#include <workspace_browser/pubsub/DSModelEventData.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 #include <workspace_browser/threadutil/OrderedWorkQueue.hpp>
-#include <workspace_browser/viewmodel/WSVariableAlphabeticalSortComparator.hpp>
-
-#include <boost/locale/encoding_utf.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <cstddef>
 #include <exception>
-#include <limits>
-#include <map>
-#include <ostream>
 #include <stdexcept>
-#include <string_view>
-#include <unordered_map>
 #include <utility>
 
 namespace workspace_browser_startup {
 
-using foundation::json::Array;
-using foundation::json::Object;
-using foundation::json::Value;
 using namespace wsviewmodel;
 
 const std::string WSViewModel::CELL_VALUE = "value";
