@@ -2,6 +2,7 @@
 
 #include "WSViewModelParts.hpp"
 
+#include "DisplayOrder.hpp"
 #include "LifetimeGate.hpp"
 #include "RowSelection.hpp"
 #include "ViewportMath.hpp"
@@ -65,8 +66,8 @@ WSViewModel::WSViewModel(
                            : throw std::invalid_argument("WSViewModel needs a data model")),
       mPubSubVM(mMessageService, mChannelId),
       mPubSubDS(mMessageService, mChannelId + kPagingChannelSuffix),
-      mVariableNameSet(TextAlphabeticalSortComparator{true}),
-      mRenameCallback(std::move(renameCallback)), mEditValueCallback(std::move(editValueCallback)),
+      mOrder(std::make_unique<DisplayOrder>()), mRenameCallback(std::move(renameCallback)),
+      mEditValueCallback(std::move(editValueCallback)),
       mSelectionCallback(std::move(selectionCallback)), mCountCallback(std::move(countCallback)),
       mStartRow(0), mEndRow(0), mStartColumn(0), mEndColumn(3), mSortColumn(kNameColumn),
       mSortAscending(true), mHandleStartupServices(false), mColumnNames(columns),
@@ -124,15 +125,8 @@ WSViewModel::WSViewModel(
         std::size_t count = 0;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            for (const std::string& name : names)
-                mVariableNameSet.insert(mVariableNameSet.end(), name);
-            mVariableNames = std::move(names);
-            if (!mSortAscending)
-                std::sort(mVariableNames.begin(), mVariableNames.end(),
-                          TextAlphabeticalSortComparator{false});
-            ++mNamesGeneration;
-            ++mOrderGeneration;
-            count = mVariableNames.size();
+            mOrder->replace(std::move(names), mSortAscending);
+            count = mOrder->names().size();
         }
         WSB_LOG(logger(), kLogLevel) << "Initial update of mVariablesNames done. size=" << count;
     } catch (...) {
@@ -314,7 +308,7 @@ void WSViewModel::handleDesktopMsg(const connector::message_service::JsonMessage
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
             selected = mSelectedVariables;
-            rows = rowsText(RowSelection::rowsOf(mVariableNames, selected));
+            rows = rowsText(RowSelection::rowsOf(mOrder->names(), selected));
         }
         WSB_LOG(logger(), kLogLevel) << "Handling StartupServices, rows: " << rows;
         pushTask([this, selected = std::move(selected), rows = std::move(rows)] {

@@ -2,6 +2,8 @@
 
 #include "WSViewModelParts.hpp"
 
+#include "DisplayOrder.hpp"
+
 #include "LifetimeGate.hpp"
 #include "ModelProperties.hpp"
 #include "RowSelection.hpp"
@@ -95,7 +97,7 @@ void WSViewModel::publishColumnModelProps(std::shared_ptr<DSEvent> event, bool u
         std::lock_guard<std::mutex> lock(mStateMutex);
         columns = orderedColumnsLocked();
         widths = mColumnWidths;
-        rowCount = mVariableNames.size();
+        rowCount = mOrder->names().size();
         if (useEventRange) {
             range = *event;
         } else {
@@ -117,7 +119,7 @@ void WSViewModel::publishRowModelProps(std::shared_ptr<DSEvent> event) {
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         columnCount = mColumnNames.size();
-        rowCount = mVariableNames.size();
+        rowCount = mOrder->names().size();
     }
     DSModelEvent model = ModelProperties::rows(*event, rowCount, columnCount);
     WSB_LOG(logger(), kLogLevel) << "publishRowModelProps, startRow = " << event->startRow
@@ -132,7 +134,7 @@ void WSViewModel::publishCellModelProps(std::shared_ptr<DSEvent> event) {
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         columnCount = orderedColumnsLocked().size();
-        rowCount = mVariableNames.size();
+        rowCount = mOrder->names().size();
     }
     DSModelEvent model = ModelProperties::cells(*event, columnCount, rowCount);
     WSB_LOG(logger(), kLogLevel) << "publishCellModelProps, startRow = " << event->startRow
@@ -152,7 +154,7 @@ void WSViewModel::updateColumnSettings(const std::vector<std::u16string>& column
         mColumnNames = columnNames;
         mColumnKeys = columnOrder;
         mColumnWidths = columnWidths;
-        event = ViewportMath::tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow,
+        event = ViewportMath::tableEvent(mOrder->names().size(), mColumnNames.size(), mStartRow,
                                          mEndRow, mStartColumn, columnCountChanged);
     }
     if (columnCountChanged)
@@ -170,7 +172,7 @@ void WSViewModel::updateStatsSettings(bool statsFlag, double statsLimit) {
             return;
         mStatsFlag = statsFlag;
         mStatsLimit = statsLimit;
-        event = ViewportMath::tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow,
+        event = ViewportMath::tableEvent(mOrder->names().size(), mColumnNames.size(), mStartRow,
                                          mEndRow, mStartColumn, false);
     }
     doBackgroundGetData(*event, true);
@@ -195,8 +197,8 @@ void WSViewModel::selectionChanged(const std::vector<RowRange>& rows) {
     bool handOver = false;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        count = mVariableNames.size();
-        RowSelection::Picked picked = RowSelection::namesIn(mVariableNames, rows);
+        count = mOrder->names().size();
+        RowSelection::Picked picked = RowSelection::namesIn(mOrder->names(), rows);
         mSelectedVariables = std::move(picked.names);
         for (const std::int64_t row : picked.rows)
             text += (text.empty() ? "" : ", ") + std::to_string(row);
@@ -229,7 +231,7 @@ void WSViewModel::updateSelectedRowsToSelectedVariables() {
         std::lock_guard<std::mutex> lock(mStateMutex);
         // Rows in the order the names were selected, not sorted.
         if (!mSelectedVariables.empty())
-            ranges = RowSelection::runs(RowSelection::rowsOf(mVariableNames, mSelectedVariables));
+            ranges = RowSelection::runs(RowSelection::rowsOf(mOrder->names(), mSelectedVariables));
     }
     // The selected names are kept even when none is listed now: they may come back with the
     // next workspace change.

@@ -2,6 +2,7 @@
 
 #include "WSViewModelParts.hpp"
 
+#include "DisplayOrder.hpp"
 #include "LifetimeGate.hpp"
 #include "ViewportMath.hpp"
 
@@ -38,46 +39,16 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
         std::size_t count = 0;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            oldCount = mVariableNameSet.size();
-            for (const EventInfo& event : events) {
-                switch (event.type) {
-                case EventType::VARIABLE_DELETED:
-                    for (const std::string& name : event.variableNames) {
-                        mVariableNameSet.erase(name);
-                        if (std::erase(mSelectedVariables, name) > 0)
-                            selectedRemoved = true;
-                    }
-                    namesChanged = true;
-                    break;
-                case EventType::VARIABLE_CHANGED: {
-                    WSB_LOG(logger(), kLogLevel)
-                        << "WSViewModel Handling VARIABLE_CHANGED or ADDED";
-                    const std::size_t before = mVariableNameSet.size();
-                    for (const std::string& name : event.variableNames)
-                        mVariableNameSet.insert(name);
-                    if (mVariableNameSet.size() > before)
-                        namesChanged = true;
-                    break;
-                }
-                case EventType::WORKSPACE_CLEARED:
-                    WSB_LOG(logger(), kLogLevel) << "WSViewModel Handling WORKSPACE_CLEARED";
-                    mVariableNameSet.clear();
-                    namesChanged = true;
-                    clearSelection = true;
-                    break;
-                default:
-                    // New names arrive as changed variables; the data model sends added ones
-                    // that way too.
-                    break;
-                }
+            oldCount = mOrder->nameSet().size();
+            const DisplayOrder::Effect effect = mOrder->apply(events);
+            namesChanged = effect.namesChanged;
+            clearSelection = effect.cleared;
+            for (const std::string& name : effect.deleted) {
+                if (std::erase(mSelectedVariables, name) > 0)
+                    selectedRemoved = true;
             }
-            count = mVariableNameSet.size();
-            // The display order is rebuilt from the set by sortVariables below; an empty set
-            // needs no sort.
-            if (namesChanged && count == 0) {
-                setVariableNamesLocked({});
-                ++mNamesGeneration;
-            }
+            // The display order is rebuilt from the set by sortVariables below.
+            count = mOrder->nameSet().size();
             if (!namesChanged)
                 count = oldCount;
         }
@@ -145,14 +116,14 @@ void WSViewModel::handleSortChanged(int sortColumn, bool sortAscending) {
             throw std::out_of_range("handleSortChanged: no such column");
         mSortColumn = std::move(column);
         mSortAscending = sortAscending;
-        limitSortLocked(mVariableNames.size());
+        limitSortLocked(mOrder->names().size());
     }
     pushCountedJob([this] {
         sortVariables();
         std::shared_ptr<DSEvent> event;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            event = ViewportMath::tableEvent(mVariableNames.size(), mColumnNames.size(), mStartRow,
+            event = ViewportMath::tableEvent(mOrder->names().size(), mColumnNames.size(), mStartRow,
                                              mEndRow, 0, true);
         }
         publishData(event, false);
@@ -172,24 +143,19 @@ void WSViewModel::sortVariables() {
     std::shared_ptr<std::unordered_set<std::string>> listed;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        limitSortLocked(mVariableNameSet.size());
-        generation = ++mNamesGeneration;
+        limitSortLocked(mOrder->nameSet().size());
+        generation = mOrder->beginRebuild();
         column = mSortColumn;
         ascending = mSortAscending;
         if (column == kNameColumn) {
-            // The set already holds the names in ascending name order, and that order is a
-            // strict total order whose descending form is its exact reverse: sorting by name is
-            // a copy, reversed for descending.
-            if (ascending)
-                names.assign(mVariableNameSet.begin(), mVariableNameSet.end());
-            else
-                names.assign(mVariableNameSet.rbegin(), mVariableNameSet.rend());
+            names = mOrder->byName(ascending);
         } else {
-            setVariableNamesLocked({mVariableNameSet.begin(), mVariableNameSet.end()});
+            // Until the records answer, the rows stand in name order.
+            mOrder->setNames(mOrder->byName(true));
             // The records cover every name the data model knows; the grid lists only its own
             // (a refresh may have listed fewer).
-            listed = std::make_shared<std::unordered_set<std::string>>(mVariableNameSet.begin(),
-                                                                       mVariableNameSet.end());
+            listed = std::make_shared<std::unordered_set<std::string>>(mOrder->nameSet().begin(),
+                                                                       mOrder->nameSet().end());
             fields = uStringVectorToStdStringVector(mColumnNames);
             statsFlag = mStatsFlag;
             statsLimit = mStatsLimit;
@@ -198,8 +164,7 @@ void WSViewModel::sortVariables() {
 
     if (column == kNameColumn) {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        if (generation == mNamesGeneration)
-            setVariableNamesLocked(std::move(names));
+        mOrder->finishRebuild(generation, std::move(names));
         return;
     }
 
@@ -221,18 +186,10 @@ void WSViewModel::sortVariables() {
         for (WSVariable& record : records)
             sorted.push_back(std::move(record.name));
         std::lock_guard<std::mutex> lock(mStateMutex);
-        if (generation == mNamesGeneration)
-            setVariableNamesLocked(std::move(sorted));
+        mOrder->finishRebuild(generation, std::move(sorted));
     };
     mDataModel->getVariables(mDataModel->getVariableNames(), std::move(fields), statsFlag,
                              statsLimit, std::move(onRecords), false);
-}
-
-void WSViewModel::setVariableNamesLocked(std::vector<std::string> names) {
-    if (names == mVariableNames)
-        return;
-    mVariableNames = std::move(names);
-    ++mOrderGeneration;
 }
 
 void WSViewModel::limitSortLocked(std::size_t count) {
@@ -264,16 +221,10 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
     std::int32_t endColumn = 0;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        mVariableNameSet.clear();
-        for (const std::string& name : variables)
-            mVariableNameSet.insert(name);
         limitSortLocked(variables.size());
-        std::sort(variables.begin(), variables.end(),
-                  TextAlphabeticalSortComparator{mSortAscending});
-        setVariableNamesLocked(std::move(variables));
-        ++mNamesGeneration;
+        mOrder->replace(std::move(variables), mSortAscending);
         byColumn = mSortColumn != kNameColumn;
-        count = static_cast<std::int64_t>(mVariableNames.size());
+        count = static_cast<std::int64_t>(mOrder->names().size());
         columns = static_cast<std::int64_t>(mColumnNames.size());
         startRow = mStartRow;
         endRow = mEndRow;
@@ -285,7 +236,7 @@ void WSViewModel::handleRefresh(std::vector<std::string> variables, bool immedia
     if (byColumn) {
         sortVariables();
         std::lock_guard<std::mutex> lock(mStateMutex);
-        count = static_cast<std::int64_t>(mVariableNames.size());
+        count = static_cast<std::int64_t>(mOrder->names().size());
     }
     mPubSubDS.sizeUpdated(ViewportMath::toInt32(count), ViewportMath::toInt32(columns));
     if (immediateUpdate)

@@ -2,6 +2,8 @@
 
 #include "WSViewModelParts.hpp"
 
+#include "DisplayOrder.hpp"
+
 #include "ClientRecord.hpp"
 #include "LifetimeGate.hpp"
 #include "ViewportMath.hpp"
@@ -42,7 +44,7 @@ void WSViewModel::handleSetViewportRange(const DSEvent& event) {
         std::lock_guard<std::mutex> lock(mStateMutex);
         // The columns are bounded by the row count as well: the grid relies on it.
         const std::int32_t count =
-            ViewportMath::toInt32(static_cast<std::int64_t>(mVariableNames.size()));
+            ViewportMath::toInt32(static_cast<std::int64_t>(mOrder->names().size()));
         mStartRow = startRow = std::min(count, std::max(event.startRow, 0));
         mEndRow = endRow = std::min(count, std::max(event.endRow, 0));
         mStartColumn = startColumn = std::min(count, std::max(event.startColumn, 0));
@@ -78,7 +80,7 @@ void WSViewModel::publishData(std::shared_ptr<DSEvent> event, bool forceUpdate) 
     std::size_t listSize = 0;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        listSize = mVariableNames.size();
+        listSize = mOrder->names().size();
         const std::int64_t end = std::clamp<std::int64_t>(std::int64_t{event->endRow} + 1, 0,
                                                           static_cast<std::int64_t>(listSize));
         request->end = static_cast<std::size_t>(end);
@@ -93,9 +95,9 @@ void WSViewModel::publishData(std::shared_ptr<DSEvent> event, bool forceUpdate) 
         statsLimit = mStatsLimit;
         // Under a column sort the request keeps the names to find its rows again.
         std::vector<std::string>& rowNames = request->byName ? names : request->rowNames;
-        rowNames.assign(mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->start),
-                        mVariableNames.begin() + static_cast<std::ptrdiff_t>(request->end));
-        request->generation = mOrderGeneration;
+        rowNames.assign(mOrder->names().begin() + static_cast<std::ptrdiff_t>(request->start),
+                        mOrder->names().begin() + static_cast<std::ptrdiff_t>(request->end));
+        request->generation = mOrder->order();
     }
     request->visible.insert(request->orderedColumns.begin(), request->orderedColumns.end());
     WSB_LOG(logger(), kLogLevel) << "Obtained start and end. mVariableNames.size()=" << listSize
@@ -180,7 +182,7 @@ void WSViewModel::publishPage(const std::shared_ptr<DSEvent>& event, const PageR
         bool current = false;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            current = request.generation == mOrderGeneration;
+            current = request.generation == mOrder->order();
         }
         if (current) {
             WSB_LOG(logger(), kLogLevel)
@@ -219,7 +221,7 @@ void WSViewModel::handleClientSetData(const DSEvent& event) {
     std::string columnKey;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        name = mVariableNames.at(rowIndex);
+        name = mOrder->names().at(rowIndex);
         // The column counts the columns as the grid shows them, as pages and sorts do.
         columnKey = orderedColumnAtLocked(static_cast<std::int64_t>(columnIndex));
         if (columnKey.empty())
@@ -236,8 +238,8 @@ void WSViewModel::handleClientSetData(const DSEvent& event) {
         bool oldNameListed = false;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
-            oldNameListed = std::find(mVariableNames.begin(), mVariableNames.end(), name) !=
-                            mVariableNames.end();
+            oldNameListed = std::find(mOrder->names().begin(), mOrder->names().end(), name) !=
+                            mOrder->names().end();
         }
         mRenameCallback(name, newText);
         {
@@ -262,7 +264,7 @@ void WSViewModel::publishVariableNames() {
     std::vector<std::string> ordered;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
-        names = mVariableNames;
+        names = mOrder->names();
         ordered = orderedColumnsLocked();
     }
     // The other cells stay blank until the real rows arrive.

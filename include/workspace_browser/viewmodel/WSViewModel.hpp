@@ -33,6 +33,7 @@ class OrderedWorkQueue;
 
 namespace workspace_browser_startup {
 
+class DisplayOrder;
 class LifetimeGate;
 
 // A host callback that receives two texts: (old name, new name) for a rename, (name, new value
@@ -153,8 +154,6 @@ private:
     std::string orderedColumnAtLocked(std::int64_t index) const;
     // Falls back to the name sort when there are too many names for a column sort.
     void limitSortLocked(std::size_t count);
-    // Replaces the display order; a different order takes a new mOrderGeneration.
-    void setVariableNamesLocked(std::vector<std::string> names);
 
     // Queues `work`; throws what the queue throws (after shutdown: std::runtime_error).
     void pushTask(std::function<void()> work);
@@ -175,8 +174,9 @@ private:
     std::shared_ptr<WSDataModel> mDataModel;
     PubSubVMImpl mPubSubVM;
     PubSubDSImpl mPubSubDS;
-    std::set<std::string, TextAlphabeticalSortComparator> mVariableNameSet;
-    std::vector<std::string> mVariableNames;
+    // The names listed and their display order (the name set and list), guarded by
+    // mStateMutex.
+    std::unique_ptr<DisplayOrder> mOrder;
     std::vector<std::string> mSelectedVariables;
     ViewModelCallback mRenameCallback;
     ViewModelCallback mEditValueCallback;
@@ -201,13 +201,7 @@ private:
     // the name set and list, the selection, the viewport, the sort state, the column and
     // statistics settings and mHandleStartupServices.
     mutable std::mutex mStateMutex;
-    // Bumped on every rebuild of mVariableNames, so that a host answer to an older sort cannot
-    // overwrite a newer order.
-    std::uint64_t mNamesGeneration = 0;
-    // Bumped whenever mVariableNames changes, so that a page fetched for an older order is not
-    // shown in the new one.
-    std::uint64_t mOrderGeneration = 0;
-    // Held while a page of rows is checked against mNamesGeneration and published, so that a
+    // Held while a page of rows is checked against the display order and published, so that a
     // page for an older order cannot go out after the page of a newer one. Recursive because the
     // message service may deliver on the publishing thread into a handler that publishes.
     std::recursive_mutex mPublishMutex;
