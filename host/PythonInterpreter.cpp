@@ -7,10 +7,13 @@
 #include <workspace_browser/platform/ThreadName.hpp>
 
 #include <condition_variable>
+#include <csignal>
 #include <cstdint>
 #include <deque>
 #include <mutex>
 #include <thread>
+
+#include <pthread.h>
 
 #ifndef WSB_PYTHON_EXECUTABLE
 #define WSB_PYTHON_EXECUTABLE "python3"
@@ -36,6 +39,26 @@ const foundation::log::basic_diagnostic_logger& logger() {
 
 using Clock = std::chrono::steady_clock;
 
+// Sent to the interpreter thread with every exception the watchdog raises into it: a blocking
+// call there (sleep, a socket read, waiting on a lock) returns with EINTR, CPython runs the
+// Python-level handler, and the pending exception surfaces in it, so the call ends instead of
+// blocking on until it is done.
+constexpr int kWakeSignal = SIGUSR1;
+
+// Installs a do-nothing Python handler for the wake signal and lets the signal reach this
+// thread. CPython runs Python-level signal handlers only in the thread that initialised it,
+// which is this one. Without it, only code that reaches a bytecode boundary can be broken into.
+bool installWakeHandler() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, kWakeSignal);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    const int failed = PyRun_SimpleString("import signal as _s\n"
+                                          "_s.signal(_s.SIGUSR1, lambda _n, _f: None)\n"
+                                          "del _s\n");
+    return failed == 0;
+}
+
 } // namespace
 
 class PythonInterpreter::Impl {
@@ -51,6 +74,8 @@ public:
     std::thread thread;
     std::thread::id threadId;
     unsigned long pythonThreadId = 0;
+    pthread_t nativeThread{};
+    bool wakeHandler = false; // whether blocking calls can be broken into
 
     // The watchdog's state; guarded by watchMutex. The watchdog only raises into the
     // interpreter thread while holding the GIL, and the budget ends while holding it too, so an
@@ -87,6 +112,13 @@ void PythonInterpreter::Impl::run(std::promise<void>& ready) {
         return;
     }
     pythonThreadId = PyThread_get_thread_ident();
+    nativeThread = pthread_self();
+    wakeHandler = installWakeHandler();
+    if (!wakeHandler) {
+        PyErr_Clear();
+        WSB_LOG(logger(), foundation::log::kWarning)
+            << "Blocking calls cannot be broken into: the wake signal handler was refused";
+    }
     PyThreadState* state = PyEval_SaveThread(); // the GIL is free whenever no task runs
     watchdog = std::thread([this] { watch(); });
     ready.set_value();
@@ -147,6 +179,8 @@ void PythonInterpreter::Impl::watch() {
         lock.lock();
         if (watchActive && watchToken == token && !watchStop) {
             PyThreadState_SetAsyncExc(pythonThreadId, watchException);
+            if (wakeHandler)
+                pthread_kill(nativeThread, kWakeSignal);
             deadline = period.count() > 0 ? Clock::now() + period : Clock::time_point::max();
         }
         lock.unlock();

@@ -253,8 +253,12 @@ TEST(WorkspaceHost, MisbehavingObjectsGetPlaceholdersAndTheHostCarriesOn) {
             "class Endless:\n"
             "    def __repr__(self):\n"
             "        while True: pass\n"
+            "class Sleeps:\n"
+            "    def __repr__(self):\n"
+            "        import time; time.sleep(30)\n"
             "class Nested(list): pass\n"
             "raises, huge, not_text, endless = Raises(), Huge(), NotText(), Endless()\n"
+            "sleeps = Sleeps()\n"
             "deep = []\n"
             "for _ in range(100000): deep = [deep]\n"
             "holder = [Raises()]\n");
@@ -267,6 +271,8 @@ TEST(WorkspaceHost, MisbehavingObjectsGetPlaceholdersAndTheHostCarriesOn) {
     EXPECT_TRUE(huge.isSummary);
     EXPECT_EQ(rig.fetchOne("not_text").value, "<NotText: repr failed: TypeError>");
     EXPECT_EQ(rig.fetchOne("endless").value, "<Endless: repr timed out>");
+    // A blocking call is broken into as well, not only a loop of bytecode.
+    EXPECT_EQ(rig.fetchOne("sleeps").value, "<Sleeps: repr timed out>");
     EXPECT_EQ(rig.fetchOne("deep").size, x("1", "1"));
     EXPECT_THAT(rig.fetchOne("holder").value, HasSubstr("Raises"));
 
