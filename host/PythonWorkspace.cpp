@@ -74,21 +74,40 @@ void PythonWorkspace::load() {
     PyObject* main = PyImport_AddModule("__main__"); // borrowed
     if (!main)
         throw std::runtime_error("no __main__ module: " + takeError());
-    PyRef trackerType(PyObject_GetAttrString(loaded.get(), "Tracker"));
-    PyRef made(trackerType ? PyObject_CallFunctionObjArgs(trackerType.get(),
-                                                          boolean(options.showAll), nullptr)
-                           : nullptr);
-    if (!made)
-        throw std::runtime_error("cannot create the change tracker: " + takeError());
+    PyRef hidden(PyObject_GetAttrString(loaded.get(), "_HIDDEN_TYPES"));
+    PyRef parts(PyObject_GetAttrString(loaded.get(), "parts"));
+    if (!hidden || !parts)
+        throw std::runtime_error("cannot prepare the change scanner: " + takeError());
+    // numpy is optional: without it there are no arrays to digest.
+    PyRef numpy(PyObject_GetAttrString(loaded.get(), "np"));
+    PyRef array(numpy && numpy.get() != Py_None ? PyObject_GetAttrString(numpy.get(), "ndarray")
+                                                : nullptr);
+    PyErr_Clear();
     ns = PyRef(Py_NewRef(PyModule_GetDict(main)));
-    tracker = std::move(made);
+    scanner =
+        std::make_unique<ChangeScanner>(options.showAll, hidden.get(), parts.get(), array.get());
+    hiddenTypes = std::move(hidden);
+    partsFn = std::move(parts);
+    arrayType = std::move(array);
     module = std::move(loaded);
 }
 
 void PythonWorkspace::release() {
-    tracker = PyRef();
+    scanner.reset();
+    arrayType = PyRef();
+    partsFn = PyRef();
+    hiddenTypes = PyRef();
     ns = PyRef();
     module = PyRef();
+}
+
+void PythonWorkspace::forget() {
+    // The interpreter is gone and took the objects with it: drop the pointers untouched.
+    if (scanner)
+        scanner->abandon();
+    scanner.reset();
+    for (PyRef* ref : {&arrayType, &partsFn, &hiddenTypes, &ns, &module})
+        ref->release();
 }
 
 PyObject* PythonWorkspace::function(const char* name) const {
@@ -112,25 +131,23 @@ void PythonWorkspace::raise(const WSListenersSubscriptionCallbackArg& batch) con
 }
 
 void PythonWorkspace::raiseChanges(bool everything) {
-    // Both tracker methods answer (names, deleted names, cleared): the changed names for a
-    // scan, every current name for a resync.
-    PyRef result(PyObject_CallMethod(tracker.get(), everything ? "resync" : "scan", "O", ns.get()));
-    if (!result || !PyTuple_Check(result.get()) || PyTuple_GET_SIZE(result.get()) != 3) {
-        WSB_LOG(logger(), foundation::log::kError)
-            << "Scanning the workspace failed: " << (PyErr_Occurred() ? takeError() : "");
-        return;
+    ChangeScanner::Changes changes;
+    {
+        // Reading an object's parts may run its class's code; it gets the time a repr gets.
+        PyRef budgetExceeded(function("BudgetExceeded"));
+        PythonInterpreter::Budget budget(*interpreter, options.reprBudget, budgetExceeded.get(),
+                                         false);
+        changes = everything ? scanner->resync(ns.get()) : scanner->scan(ns.get());
     }
-    const bool cleared = PyTuple_GET_ITEM(result.get(), 2) == Py_True;
-    auto names = py::stringsOf(PyTuple_GET_ITEM(result.get(), 0));
-    auto deleted = py::stringsOf(PyTuple_GET_ITEM(result.get(), 1));
+    PyErr_Clear(); // an interruption the scan absorbed
     WSListenersSubscriptionCallbackArg batch;
-    if (cleared)
+    if (changes.cleared)
         batch.push_back({EventType::WORKSPACE_CLEARED, {}});
     // After a clearing a scan has nothing more to say; a resync still lists what is there now,
     // its deletions first so that a listener starting over never drops a name it just added.
-    if (!cleared || everything) {
-        EventInfo changed{EventType::VARIABLE_CHANGED, std::move(names)};
-        EventInfo gone{EventType::VARIABLE_DELETED, std::move(deleted)};
+    if (!changes.cleared || everything) {
+        EventInfo changed{EventType::VARIABLE_CHANGED, std::move(changes.names)};
+        EventInfo gone{EventType::VARIABLE_DELETED, std::move(changes.deleted)};
         for (EventInfo* event :
              everything ? std::array{&gone, &changed} : std::array{&changed, &gone}) {
             if (!event->variableNames.empty())
@@ -147,10 +164,9 @@ std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>
     records.reserve(names.size());
     PyRef describeFn(function("describe"));
     PyRef budgetExceeded(function("BudgetExceeded"));
-    PyRef vanished(PyObject_GetAttrString(tracker.get(), "vanished"));
     PyRef pyFields = py::listOf(fields);
     PyRef limit(PyFloat_FromDouble(statsLimit));
-    if (!vanished || !pyFields || !limit)
+    if (!pyFields || !limit)
         throw std::runtime_error("cannot prepare a fetch: " + takeError());
     for (const std::string& name : names) {
         PyRef pyName = fromUtf8(name);
@@ -173,18 +189,15 @@ std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>
             record = unavailable(name);
         }
         record.name = name; // exactly as asked, even if the text did not survive a round trip
-        if (record.isDirty && pyName && PySet_Add(vanished.get(), pyName.get()) < 0)
-            PyErr_Clear();
+        if (record.isDirty)
+            scanner->markVanished(name);
         records.push_back(std::move(record));
     }
     return records;
 }
 
 std::vector<std::string> PythonWorkspace::names() {
-    PyRef list(PyObject_CallMethod(tracker.get(), "names", "O", ns.get()));
-    if (!list)
-        throw std::runtime_error("cannot list the workspace: " + takeError());
-    return py::stringsOf(list.get());
+    return scanner->names(ns.get());
 }
 
 void PythonWorkspace::report(const std::string& message) const {

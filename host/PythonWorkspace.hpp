@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ChangeScanner.hpp"
 #include "PyRef.hpp"
 #include "PythonInterpreter.hpp"
 #include "WorkspaceHost.hpp"
@@ -8,6 +9,7 @@
 #include <workspace_browser/datamodel/EventInfo.hpp>
 #include <workspace_browser/datamodel/WSVariable.hpp>
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -16,7 +18,7 @@
 namespace wsbrowser {
 
 // The interpreter's side of the workspace: the helper module, __main__'s namespace and the
-// change tracker, the records of variables, the change batches, and the edits and code runs
+// change scanner, the records of variables, the change batches, and the edits and code runs
 // that change the namespace. `WorkspaceHost` hands every call here over to the interpreter
 // thread. Not thread-safe: all methods run on the interpreter thread, except that listeners
 // and the message handler are registered from any thread (each behind its own lock).
@@ -28,6 +30,8 @@ public:
     // Loads the helper module; throws std::runtime_error when it fails.
     void load();
     void release();
+    // Drops the Python objects without touching them, for when the interpreter already ended.
+    void forget();
     bool isOpen() const { return module.get() != nullptr; }
 
     // Raises the batch of what changed since the last scan. With `everything`, the batch names
@@ -64,10 +68,13 @@ public:
     std::mutex closeMutex; // serialises WorkspaceHost::close()
     bool closed = false;   // guarded by closeMutex
 
-    // Interpreter thread only.
+    // Interpreter thread only. The scanner borrows the helper module's objects it is given.
     PyRef module;
     PyRef ns;
-    PyRef tracker;
+    PyRef hiddenTypes;
+    PyRef partsFn;
+    PyRef arrayType;
+    std::unique_ptr<ChangeScanner> scanner;
 
 private:
     PyObject* function(const char* name) const;

@@ -53,11 +53,7 @@ void WorkspaceHost::close() {
     try {
         mImpl->interpreter->call([impl = mImpl] { impl->release(); });
     } catch (const std::runtime_error&) {
-        // The interpreter stopped first and took the objects with it: drop the pointers
-        // without touching them.
-        mImpl->tracker.release();
-        mImpl->ns.release();
-        mImpl->module.release();
+        mImpl->forget();
     }
 }
 

@@ -8,10 +8,10 @@ packages=(
   build-essential cmake pkg-config git clang-format clang clang-tidy libclang-rt-14-dev
   libboost1.81-dev libboost-thread1.81-dev libboost-log1.81-dev libboost-locale1.81-dev
   libboost-system1.81-dev libboost-json1.81-dev
-  libtbb-dev gettext
+  libtbb-dev gettext libxxhash-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   rapidjson-dev nlohmann-json3-dev
-  libpython3-dev python3-numpy
+  libpython3-dev python3-numpy python3-pandas
   chromium
 )
 # Node.js comes from Debian only when the machine has none; the client's build tool needs 20.19

@@ -6,6 +6,7 @@ len or sizeof gives a short placeholder instead.
 """
 
 import ast
+import collections
 import io
 import keyword
 import math
@@ -23,9 +24,6 @@ except Exception:  # the host still works without numpy, only without array text
 TIMES = "\u00d7"
 VALUE_CHARS = 80  # the longest value text; longer values become a summary or are cut
 ARRAY_TEXT_ELEMENTS = 100  # arrays with more elements are always summarised
-SMALL_ARRAY_BYTES = 1 << 16  # arrays up to this size are fingerprinted by their whole buffer
-SAMPLED_ELEMENTS = 1024  # larger arrays by this many elements spread over the buffer
-MAX_IDS = 2048  # containers longer than this are fingerprinted by a sample of element ids
 OUTPUT_CHARS = 1 << 20  # captured console output is cut after this many characters
 
 
@@ -68,90 +66,45 @@ def is_shown(name, value, show_all):
 
 
 # ----------------------------------------------------------------------------------------------
-# Change tracking
+# Change tracking: the host's scanner digests numbers, texts, arrays, lists, tuples, dicts, sets
+# and bytearrays itself; for anything else it asks `parts` which objects make up its state.
 
-def _sampled_positions(count, wanted):
-    if count <= wanted:
-        return range(count)
-    step = count / wanted
-    return sorted({int(i * step) for i in range(wanted)} | {count - 1})
+def _is_pandas(value):
+    module = getattr(type(value), "__module__", "")
+    return isinstance(module, str) and module.startswith("pandas.")
 
 
-def _array_fingerprint(a):
+def parts(value):
+    """The objects whose contents make up `value`'s state, as a tuple, or None when it has none
+    that can be read without running the user's code."""
+    kind = type(value)
+    if np is not None:
+        if isinstance(value, np.ma.MaskedArray):
+            return (value.view(np.ndarray), np.ma.getmaskarray(value))
+        if isinstance(value, np.ndarray):  # matrices, memory maps and other subclasses
+            return (value.view(np.ndarray),)
+        if isinstance(value, np.generic):
+            return (value.tobytes(), value.dtype.str)
+    if _is_pandas(value):
+        name = kind.__name__
+        if name == "DataFrame":
+            return (tuple(value._mgr.arrays), value.index, value.columns)
+        if name == "Series":
+            return (value._values, value.index)
+        if name == "RangeIndex":
+            return (value.start, value.stop, value.step)
+        if name.endswith("Index"):
+            return (value._values,)
+    if kind is collections.deque:
+        return (tuple(value),)
+    if isinstance(value, _HIDDEN_TYPES):
+        return None
     try:
-        pointer = a.__array_interface__["data"][0]
-        if a.nbytes <= SMALL_ARRAY_BYTES:
-            digest = hash(a.tobytes())
-        else:
-            # A large array is fingerprinted by a spread sample of its elements: an in-place
-            # change of a single element between the samples goes unnoticed.
-            picks = np.asarray(_sampled_positions(a.size, SAMPLED_ELEMENTS), dtype=np.intp)
-            digest = hash(a.flat[picks].tobytes())
-        return ("array", a.shape, a.dtype.str, a.strides, pointer, digest)
+        # The instance's own attributes, without going through a __getattr__ of the class.
+        attributes = object.__getattribute__(value, "__dict__")
     except Exception:
         return None
-
-
-def _ids_digest(items, count):
-    if count <= MAX_IDS:
-        return hash(tuple(map(id, items)))
-    positions = set(_sampled_positions(count, MAX_IDS))
-    return hash(tuple(id(item) for i, item in enumerate(items) if i in positions))
-
-
-def fingerprint(value):
-    """A cheap digest that changes when a mutable container or array changes in place."""
-    kind = type(value)
-    if np is not None and kind is np.ndarray:
-        return _array_fingerprint(value)
-    if kind is list or kind is tuple:
-        return (len(value), _ids_digest(value, len(value)))
-    if kind is dict:
-        count = len(value)
-        if count <= MAX_IDS:
-            return (count, hash(tuple((id(k), id(v)) for k, v in value.items())))
-        return (count, _ids_digest(list(value.items())[:: max(1, count // MAX_IDS)], MAX_IDS))
-    if kind is set:
-        count = len(value)
-        return (count, hash(frozenset(map(id, value))) if count <= MAX_IDS else None)
-    if kind in (int, float, complex, bool, str, bytes):
-        # Identity alone could miss a rebinding to a new object at a recycled address.
-        return hash(value)
-    return None
-
-
-class Tracker:
-    """Remembers the shown variables by identity and fingerprint to report what changed."""
-
-    def __init__(self, show_all):
-        self.show_all = show_all
-        self.known = {}
-        self.vanished = set()  # names answered as gone that no batch has deleted yet
-
-    def names(self, ns):
-        return sorted(name for name, value in list(ns.items())
-                      if is_shown(name, value, self.show_all))
-
-    def scan(self, ns):
-        """Returns (changed, deleted, cleared) since the previous scan."""
-        current = {}
-        for name, value in list(ns.items()):
-            if is_shown(name, value, self.show_all):
-                current[name] = (id(value), fingerprint(value))
-        old = self.known
-        self.known = current
-        changed = sorted(name for name, state in current.items() if old.get(name) != state)
-        deleted = sorted(name for name in old if name not in current)
-        cleared = bool(old) and not current
-        return changed, deleted, cleared
-
-    def resync(self, ns):
-        """A full batch: what changed, the names answered as gone, and every current name."""
-        changed, deleted, cleared = self.scan(ns)
-        gone = {name for name in self.vanished if name not in self.known}
-        self.vanished.clear()
-        deleted = sorted(set(deleted) | gone)
-        return sorted(self.known), deleted, cleared
+    return (attributes,) if isinstance(attributes, dict) else None
 
 
 # ----------------------------------------------------------------------------------------------

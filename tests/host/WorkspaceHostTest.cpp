@@ -165,6 +165,50 @@ TEST(WorkspaceHost, BatchesReportRebindingInPlaceChangesDeletionAndClearing) {
     EXPECT_TRUE(rig.host->variableNames().empty());
 }
 
+TEST(WorkspaceHost, EveryInPlaceChangeIsSeenAndNothingElseIsReported) {
+    HostRig rig;
+    rig.run("import numpy as np, pandas as pd, collections\n"
+            "class Point:\n"
+            "    def __init__(self): self.x = 1\n"
+            "df = pd.DataFrame({'a': [1, 2], 'b': ['x', 'y']})\n"
+            "series = pd.Series([1.0, 2.0], index=['p', 'q'])\n"
+            "queue = collections.deque([1])\n"
+            "ordered = collections.OrderedDict(a=1)\n"
+            "counts = collections.defaultdict(int)\n"
+            "raw = bytearray(b'ab')\n"
+            "masked = np.ma.masked_array([1, 2, 3], mask=[0, 1, 0])\n"
+            "point = Point()\n"
+            "large = np.zeros(100000)\n"
+            "strided = np.zeros((4, 6))[:, ::2]\n"
+            "nested = {'inner': [1, [2]]}\n"
+            "pairs = ([1], 2)\n");
+    rig.takeBatches();
+    const std::vector<std::pair<const char*, const char*>> changes = {
+        {"df.loc[0, 'a'] = 999", "df"},
+        {"df.index = ['r', 's']", "df"},
+        {"series['p'] = 5.0", "series"},
+        {"queue.append(2)", "queue"},
+        {"ordered['a'] = 2", "ordered"},
+        {"counts['k'] += 1", "counts"},
+        {"raw.extend(b'c')", "raw"},
+        {"masked[0] = 7", "masked"},
+        {"masked.mask[2] = True", "masked"},
+        {"point.x = 2", "point"},
+        {"large[5:10] = 99", "large"},
+        {"strided[3, 2] = 1", "strided"},
+        {"nested['inner'][1].append(3)", "nested"},
+        {"pairs[0].append(1)", "pairs"},
+    };
+    for (const auto& [code, name] : changes) {
+        rig.run(code);
+        EXPECT_THAT(rig.takeBatches(), ElementsAre(ElementsAre(changed({name})))) << code;
+    }
+    rig.run("total = large.sum() + df['a'].sum() + series.mean() + len(queue) + point.x\n"
+            "text = repr(masked) + str(df) + repr(nested)\n");
+    EXPECT_THAT(rig.takeBatches(), ElementsAre(ElementsAre(changed({"text", "total"}))))
+        << "reading values changes nothing";
+}
+
 TEST(WorkspaceHost, ShowAllListsModulesFunctionsAndHiddenNames) {
     HostRig rig({.showAll = true});
     rig.run("import os\ndef f(): pass\n_hidden = 1\n");
