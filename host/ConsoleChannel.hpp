@@ -14,7 +14,7 @@ namespace wsbrowser {
 // workspace with its output captured, and the page receives {"output":"...","error":bool}.
 // A message that is not such an object is answered with an error and runs nothing.
 // Thread-safe: messages arrive on the service's delivery thread, answers leave from the
-// interpreter thread, and close() may come from any thread; after close() nothing more is
+// host's delivery thread, and close() may come from any thread; after close() nothing more is
 // published.
 class ConsoleChannel {
 public:

@@ -117,17 +117,19 @@ PyObject* PythonWorkspace::function(const char* name) const {
     return found;
 }
 
-void PythonWorkspace::raise(const WSListenersSubscriptionCallbackArg& batch) const {
+void PythonWorkspace::raise(WSListenersSubscriptionCallbackArg batch) {
     if (batch.empty())
         return;
-    for (const auto& listener : listeners.copyCallbacks()) {
-        try {
-            listener(batch);
-        } catch (const std::exception& e) {
-            WSB_LOG(logger(), foundation::log::kError)
-                << "A workspace listener failed: " << e.what();
+    delivery.post([listeners = listeners.copyCallbacks(), batch = std::move(batch)] {
+        for (const auto& listener : listeners) {
+            try {
+                listener(batch);
+            } catch (const std::exception& e) {
+                WSB_LOG(logger(), foundation::log::kError)
+                    << "A workspace listener failed: " << e.what();
+            }
         }
-    }
+    });
 }
 
 void PythonWorkspace::raiseChanges(bool everything) {
@@ -154,7 +156,7 @@ void PythonWorkspace::raiseChanges(bool everything) {
                 batch.push_back(std::move(*event));
         }
     }
-    raise(batch);
+    raise(std::move(batch));
 }
 
 std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>& names,

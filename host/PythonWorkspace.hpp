@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ChangeScanner.hpp"
+#include "DeliveryThread.hpp"
 #include "PyRef.hpp"
 #include "PythonInterpreter.hpp"
 #include "WorkspaceHost.hpp"
@@ -20,8 +21,9 @@ namespace wsbrowser {
 // The interpreter's side of the workspace: the helper module, __main__'s namespace and the
 // change scanner, the records of variables, the change batches, and the edits and code runs
 // that change the namespace. `WorkspaceHost` hands every call here over to the interpreter
-// thread. Not thread-safe: all methods run on the interpreter thread, except that listeners
-// and the message handler are registered from any thread (each behind its own lock).
+// thread; what it hands back goes out on its delivery thread. Not thread-safe: all methods run
+// on the interpreter thread, except that listeners and the message handler are registered from
+// any thread (each behind its own lock).
 class PythonWorkspace {
 public:
     PythonWorkspace(std::shared_ptr<PythonInterpreter> interpreter, WorkspaceHost::Options options)
@@ -65,6 +67,8 @@ public:
         listeners;
     mutable std::mutex handlerMutex; // guards messageHandler
     WorkspaceHost::MessageHandler messageHandler;
+    // Where listeners, fetch results and console output are handed over, in order.
+    DeliveryThread delivery{"wsbDelivery"};
     std::mutex closeMutex; // serialises WorkspaceHost::close()
     bool closed = false;   // guarded by closeMutex
 
@@ -78,7 +82,8 @@ public:
 
 private:
     PyObject* function(const char* name) const;
-    void raise(const workspace_browser_startup::WSListenersSubscriptionCallbackArg& batch) const;
+    // Hands a batch to the listeners registered now, on the delivery thread.
+    void raise(workspace_browser_startup::WSListenersSubscriptionCallbackArg batch);
     // Calls an edit helper on the namespace and two texts, Ctrl-C able to break in; reports
     // its refusal (any answer but None), or `failure` and the error when it raised.
     void edit(const char* helper, const std::string& failure, const std::string& first,

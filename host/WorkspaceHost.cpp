@@ -23,7 +23,8 @@ const foundation::log::basic_diagnostic_logger& logger() {
 } // namespace
 
 // Every method hands its work to the interpreter thread: `post` for what answers later,
-// `call` for what the caller waits for. A closed workspace does nothing.
+// `call` for what the caller waits for. Answers go back through the delivery thread. A closed
+// workspace does nothing.
 
 WorkspaceHost::WorkspaceHost(std::shared_ptr<PythonInterpreter> interpreter, Options options)
     : mImpl(std::make_shared<PythonWorkspace>(std::move(interpreter), options)) {
@@ -55,6 +56,7 @@ void WorkspaceHost::close() {
     } catch (const std::runtime_error&) {
         mImpl->forget();
     }
+    mImpl->delivery.stop();
 }
 
 WSListenersSubscribeFunction WorkspaceHost::subscribeFunction() const {
@@ -87,7 +89,8 @@ WorkspaceDisplayCallback WorkspaceHost::displayFunction() const {
                     records.push_back(PythonWorkspace::unavailable(name));
             }
             if (onResult)
-                onResult(records);
+                impl->delivery.post(
+                    [onResult, records = std::move(records)] { onResult(records); });
         });
     };
 }
@@ -132,8 +135,12 @@ void WorkspaceHost::runCode(std::string code, const OutputCallback& done) {
             return;
         }
         auto [output, failed] = impl->run(code, true, true);
+        // Behind the change batch the code caused, so that whoever reads the output sees the
+        // workspace as the code left it.
         if (done)
-            done(std::move(output), failed);
+            impl->delivery.post([done, output = std::move(output), failed]() mutable {
+                done(std::move(output), failed);
+            });
     });
     if (!queued && done)
         done("The workspace is closed.\n", true);

@@ -24,11 +24,12 @@ class PythonWorkspace;
 // grid's rename and edit requests, runs scripts and console code, and after each of those
 // raises one batch of workspace events: "VARIABLE_CHANGED" with the new and changed names,
 // "VARIABLE_DELETED" with the vanished ones, or "WORKSPACE_CLEARED" when the namespace was
-// emptied. Rebinding is seen by identity; in-place changes of arrays, lists, tuples, dicts and
-// sets by a cheap fingerprint (an in-place change of a large array between the sampled elements
-// goes unnoticed until the next rebinding).
+// emptied. Rebinding is seen by identity, in-place changes by a digest of the contents (see
+// ChangeScanner for what it reads and what it cannot see).
 // Thread-safe: every operation may be called from any thread; the Python work runs on the
-// interpreter thread, where listeners, result callbacks and the message handler are called.
+// interpreter thread; listeners, result callbacks and console output are called on the
+// host's delivery thread, in the order the interpreter produced them, and the message handler
+// on the interpreter thread.
 class WorkspaceHost {
 public:
     struct Options {

@@ -341,3 +341,19 @@ TEST(WorkspaceHost, ConsoleCodeEchoesCapturesAndReportsErrors) {
     EXPECT_TRUE(rig.host->needsMoreInput("for i in range(2):\n"));
     EXPECT_FALSE(rig.host->needsMoreInput("x = 1\n"));
 }
+
+TEST(WorkspaceHost, AnswersAreHandedOverOffTheInterpreterThread) {
+    // A receiver that takes its time (a page being built and published) must not hold up the
+    // interpreter: Python work posted meanwhile runs before the receiver returns.
+    HostRig rig;
+    rig.run("a = 1");
+    std::promise<bool> interpreterWasFree;
+    rig.host->displayFunction()({"a"}, {"Name"}, false, 0, [&](const std::vector<WSVariable>&) {
+        auto ran = std::make_shared<std::promise<void>>();
+        auto done = ran->get_future();
+        PythonEnvironment::interpreter()->post([ran] { ran->set_value(); });
+        interpreterWasFree.set_value(done.wait_for(std::chrono::seconds(10)) ==
+                                     std::future_status::ready);
+    });
+    EXPECT_TRUE(interpreterWasFree.get_future().get());
+}
