@@ -86,6 +86,7 @@ public:
     bool watchStop = false;
     bool interruptible = false;
     std::uint64_t watchToken = 0;
+    std::uint64_t expiredToken = 0; // the token of the last budget that ran out
     Clock::time_point deadline = Clock::time_point::max();
     std::chrono::milliseconds period{0};
     PyObject* watchException = nullptr;
@@ -179,6 +180,7 @@ void PythonInterpreter::Impl::watch() {
         lock.lock();
         if (watchActive && watchToken == token && !watchStop) {
             PyThreadState_SetAsyncExc(pythonThreadId, watchException);
+            expiredToken = token;
             if (wakeHandler)
                 pthread_kill(nativeThread, kWakeSignal);
             deadline = period.count() > 0 ? Clock::now() + period : Clock::time_point::max();
@@ -260,13 +262,19 @@ PythonInterpreter::Budget::Budget(PythonInterpreter& interpreter, std::chrono::m
     {
         std::lock_guard<std::mutex> lock(impl.watchMutex);
         impl.watchActive = true;
-        ++impl.watchToken;
+        mToken = ++impl.watchToken;
         impl.period = limit;
         impl.deadline = limit.count() > 0 ? Clock::now() + limit : Clock::time_point::max();
         impl.watchException = static_cast<PyObject*>(exception);
         impl.interruptible = interruptible;
     }
     impl.watchWake.notify_all();
+}
+
+bool PythonInterpreter::Budget::expired() const {
+    Impl& impl = *mInterpreter.mImpl;
+    std::lock_guard<std::mutex> lock(impl.watchMutex);
+    return impl.expiredToken == mToken;
 }
 
 PythonInterpreter::Budget::~Budget() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <future>
@@ -81,8 +82,12 @@ public:
         Budget(const Budget&) = delete;
         Budget& operator=(const Budget&) = delete;
 
+        // Whether the limit ran out at least once (an exception was raised into the code).
+        bool expired() const;
+
     private:
         PythonInterpreter& mInterpreter;
+        std::uint64_t mToken = 0;
     };
 
 private:

@@ -55,6 +55,18 @@ PythonInterpreter::Budget interruptible(PythonInterpreter& interpreter) {
 
 } // namespace
 
+WSVariable PythonWorkspace::timedOut(const std::string& name, PyObject* value) {
+    WSVariable record;
+    record.name = name;
+    const std::string_view type = Py_TYPE(value)->tp_name;
+    const auto dot = type.rfind('.');
+    record.value = "<" + std::string(dot == std::string_view::npos ? type : type.substr(dot + 1)) +
+                   ": repr timed out>";
+    record.isSummary = true;
+    record.iconClass = "wsb-icon-object";
+    return record;
+}
+
 WSVariable PythonWorkspace::unavailable(const std::string& name) {
     WSVariable record;
     record.name = name;
@@ -142,6 +154,15 @@ void PythonWorkspace::raiseChanges(bool everything) {
         changes = everything ? scanner->resync(ns.get()) : scanner->scan(ns.get());
     }
     PyErr_Clear(); // an interruption the scan absorbed
+    // A value that changed gets its full budget again; a full re-read retries every one.
+    if (everything || changes.cleared) {
+        slowValues.clear();
+    } else {
+        for (const auto* list : {&changes.names, &changes.deleted}) {
+            for (const std::string& name : *list)
+                slowValues.erase(name);
+        }
+    }
     WSListenersSubscriptionCallbackArg batch;
     if (changes.cleared)
         batch.push_back({EventType::WORKSPACE_CLEARED, {}});
@@ -172,15 +193,26 @@ std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>
         throw std::runtime_error("cannot prepare a fetch: " + takeError());
     for (const std::string& name : names) {
         PyRef pyName = fromUtf8(name);
+        PyObject* value = pyName ? PyDict_GetItemWithError(ns.get(), pyName.get()) : nullptr;
+        PyErr_Clear();
+        if (const auto slow = slowValues.find(name);
+            slow != slowValues.end() && value && slow->second == value) {
+            // It ran out of time before and has not changed since: scrolling past it again
+            // must not cost the budget again.
+            records.push_back(timedOut(name, value));
+            continue;
+        }
         PyRef result;
         if (pyName) {
-            // A repr that never returns is broken off when the budget runs out; one stuck in C
-            // code that never reaches a bytecode boundary cannot be, and holds the fetch up.
+            // A repr that never returns is broken off when the budget runs out, a blocking call
+            // in it too; one stuck in C code that never returns to Python cannot be.
             PythonInterpreter::Budget budget(*interpreter, options.reprBudget, budgetExceeded.get(),
                                              false);
             result = PyRef(PyObject_CallFunctionObjArgs(
                 describeFn.get(), ns.get(), pyName.get(), pyFields.get(), boolean(computeStats),
                 limit.get(), boolean(options.showAll), nullptr));
+            if (budget.expired() && value)
+                slowValues[name] = value;
         }
         WSVariable record;
         if (!result || !recordFrom(result.get(), record)) {

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -57,6 +58,8 @@ public:
     // Logs a refusal or failure and hands it to the message handler.
     void report(const std::string& message) const;
 
+    // What the grid shows for a variable whose description ran out of time before.
+    static workspace_browser_startup::WSVariable timedOut(const std::string& name, PyObject* value);
     // What the grid shows for a variable whose texts could not be made at all.
     static workspace_browser_startup::WSVariable unavailable(const std::string& name);
 
@@ -79,6 +82,8 @@ public:
     PyRef partsFn;
     PyRef arrayType;
     std::unique_ptr<ChangeScanner> scanner;
+    // Variables whose description ran out of time, with the object that did, until they change.
+    std::unordered_map<std::string, const void*> slowValues;
 
 private:
     PyObject* function(const char* name) const;

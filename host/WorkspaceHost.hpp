@@ -34,9 +34,11 @@ class WorkspaceHost {
 public:
     struct Options {
         bool showAll = false;
-        // How long a repr or len of one variable may run before it is broken off and shown as
-        // a placeholder.
-        std::chrono::milliseconds reprBudget{1000};
+        // How long describing one variable (its repr, len, statistics) may run before it is
+        // broken off and shown as a placeholder; short, so that the other rows of a page are
+        // painted within a second even when one of them never finishes. A variable that ran
+        // out of time is not tried again until it changes or the workspace is re-read.
+        std::chrono::milliseconds reprBudget{250};
     };
     using OutputCallback = std::function<void(std::string output, bool failed)>;
     using MessageHandler = std::function<void(const std::string& message)>;

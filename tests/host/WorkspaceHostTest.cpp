@@ -298,7 +298,9 @@ TEST(WorkspaceHost, MisbehavingObjectsGetPlaceholdersAndTheHostCarriesOn) {
             "    def __repr__(self):\n"
             "        while True: pass\n"
             "class Sleeps:\n"
+            "    calls = 0\n"
             "    def __repr__(self):\n"
+            "        Sleeps.calls += 1\n"
             "        import time; time.sleep(30)\n"
             "class Nested(list): pass\n"
             "raises, huge, not_text, endless = Raises(), Huge(), NotText(), Endless()\n"
@@ -317,6 +319,12 @@ TEST(WorkspaceHost, MisbehavingObjectsGetPlaceholdersAndTheHostCarriesOn) {
     EXPECT_EQ(rig.fetchOne("endless").value, "<Endless: repr timed out>");
     // A blocking call is broken into as well, not only a loop of bytecode.
     EXPECT_EQ(rig.fetchOne("sleeps").value, "<Sleeps: repr timed out>");
+    // Until it changes, it is not tried again.
+    EXPECT_EQ(rig.fetchOne("sleeps").value, "<Sleeps: repr timed out>");
+    EXPECT_EQ(rig.run("print(Sleeps.calls)"), "1\n");
+    rig.run("sleeps.mood = 'different'");
+    EXPECT_EQ(rig.fetchOne("sleeps").value, "<Sleeps: repr timed out>");
+    EXPECT_EQ(rig.run("print(Sleeps.calls)"), "2\n");
     EXPECT_EQ(rig.fetchOne("deep").size, x("1", "1"));
     EXPECT_THAT(rig.fetchOne("holder").value, HasSubstr("Raises"));
 
