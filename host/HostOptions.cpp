@@ -28,6 +28,33 @@ std::string HostOptions::usage() {
            "                 [--no-console] [--help] [script.py ...]";
 }
 
+std::string HostOptions::helpText() {
+    return usage() + R"(
+
+Runs Python scripts in an embedded interpreter and serves its variables to a browser page,
+with a console for more code. It prints the page's address, with its access token, when it
+starts; open that address (only someone who has it can reach the workspace).
+
+options:
+  --port N               listen on port N (default: any free port)
+  --address ADDR         listen on ADDR (default 127.0.0.1); any other than a loopback address
+                         lets other machines reach the page, and with the token, run code
+  --max-connections N    HTTP requests and pages open at once (default 256)
+  --static DIR           serve the web client from DIR instead of the built-in folder
+  --log-level N          how much the log on standard error says: 0 nothing, 1 errors,
+                         2 warnings too (default), 3 information, 4 and 5 more detail, up to 9
+  --log-filter PREFIX    log only loggers whose name starts with PREFIX
+  --show-all             also show modules, functions, classes and names starting with "_"
+  --watch                print each page's requests and answers on standard output
+  --no-console           no console in this terminal (the page's console still works)
+  -h, --help             print this help and exit
+  script.py ...          scripts to run first, in order, as __main__ (after "--", every
+                         argument is a script)
+
+In the terminal console, Ctrl-C interrupts running code; with nothing running, it ends the
+program, as SIGTERM and SIGHUP do.)";
+}
+
 bool HostOptions::isLoopback(const std::string& address) {
     in_addr v4{};
     if (::inet_pton(AF_INET, address.c_str(), &v4) == 1)

@@ -27,6 +27,8 @@ struct HostOptions {
     static HostOptions parse(const std::vector<std::string>& arguments,
                              const std::filesystem::path& defaultStatic);
     static std::string usage();
+    // The usage line and what every option does, for --help.
+    static std::string helpText();
     // Whether `address` is a loopback address (127.0.0.0/8, ::1, or 127.x mapped into IPv6):
     // only then is the server out of other machines' reach.
     static bool isLoopback(const std::string& address);

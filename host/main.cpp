@@ -180,7 +180,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (options.help) {
-        std::printf("%s\n", wsbrowser::HostOptions::usage().c_str());
+        std::printf("%s\n", wsbrowser::HostOptions::helpText().c_str());
         return 0;
     }
     // Every thread started from here on inherits the blocked signals; only the watcher takes

@@ -752,7 +752,10 @@ TEST_F(WebSocketMessageServiceTest, ServesClientFilesWithTypesAndPolicy) {
     // The page needs the right Host, like the WebSocket, and no token or the right one: without
     // one it is served (a reloaded tab connects with the token it kept), a wrong one is refused.
     EXPECT_EQ(exchange(port(), request("GET", "/", host())).result_int(), 200);
-    EXPECT_EQ(exchange(port(), request("GET", "/index.html?token=x", host())).result_int(), 403);
+    const auto refused = exchange(port(), request("GET", "/index.html?token=x", host()));
+    EXPECT_EQ(refused.result_int(), 403);
+    EXPECT_NE(refused.body().find("printed the page's address"), std::string::npos)
+        << "says where to look";
     EXPECT_EQ(exchange(port(), request("GET", "/?token=", host())).result_int(), 403);
     EXPECT_EQ(exchange(port(), request("GET", "/?token=" + mService->token(),
                                        "attacker.example:" + std::to_string(port())))

@@ -159,7 +159,10 @@ void HttpSession::serveFile(const Request& request, std::string_view host) {
     const bool page = isPage(found.file);
     if (page && !pageMayBeServed(target.query, mCore.token())) {
         mCore.warnThrottled("Refused a page request without the right token");
-        refuse(&request, http::status::forbidden);
+        refuse(&request, http::status::forbidden,
+               "Forbidden: this address does not carry the right access token.\n\n"
+               "The server printed the page's address, with its token, when it started: open "
+               "that address (it ends in ?token=...). A server started again has a new token.\n");
         return;
     }
     std::ifstream in(found.file, std::ios::binary);
@@ -188,7 +191,8 @@ void HttpSession::serveFile(const Request& request, std::string_view host) {
     send(std::move(response), !request.keep_alive());
 }
 
-void HttpSession::refuse(const Request* request, http::status status) {
+void HttpSession::refuse(const Request* request, http::status status,
+                         std::string_view explanation) {
     Response response(status, request ? request->version() : 11);
     response.set(http::field::content_type, "text/plain; charset=utf-8");
     response.set("Content-Security-Policy", kRefusalPolicy);
@@ -198,7 +202,8 @@ void HttpSession::refuse(const Request* request, http::status status) {
         response.set(http::field::allow, "GET, HEAD");
     response.keep_alive(false);
     if (!request || request->method() != http::verb::head)
-        response.body() = std::string(http::obsolete_reason(status)) + "\n";
+        response.body() = explanation.empty() ? std::string(http::obsolete_reason(status)) + "\n"
+                                              : std::string(explanation);
     response.prepare_payload();
     send(std::move(response), true);
 }

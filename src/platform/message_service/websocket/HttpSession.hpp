@@ -37,7 +37,9 @@ private:
     void handle(Request&& request);
     void upgrade(Request&& request);
     void serveFile(const Request& request, std::string_view host);
-    void refuse(const Request* request, boost::beast::http::status status);
+    // Answers with `status` and closes; the body is the status text, or `explanation`.
+    void refuse(const Request* request, boost::beast::http::status status,
+                std::string_view explanation = {});
     void send(Response&& response, bool close);
     void end();
 
