@@ -2,6 +2,7 @@
 
 #include "ColumnsChannel.hpp"
 #include "ConsoleChannel.hpp"
+#include "EditChannel.hpp"
 #include "WorkspaceHost.hpp"
 
 #include <workspace_browser/datamodel/WSDataModel.hpp>
@@ -16,7 +17,8 @@ namespace wsbrowser {
 
 // What one connected browser page gets: a workspace view model on "/WorkspaceBrowser/<pageId>"
 // showing every column of the column table, "/Columns/<pageId>" telling the page which key each
-// column position holds, and, unless consoles are off, a console on "/Console/<pageId>".
+// column position holds, the full text of a value for its cell editor on "/Edit/<pageId>",
+// and, unless consoles are off, a console on "/Console/<pageId>".
 // The view model's rename and edit requests go to the workspace; selection and count are
 // logged. Thread-safe as far as its parts are; close() and destruction must not run on the
 // service's delivery thread nor on the view model's own queue.
@@ -54,6 +56,7 @@ private:
     std::string mPageId;
     std::unique_ptr<ConsoleChannel> mConsole;
     std::unique_ptr<ColumnsChannel> mColumns;
+    std::unique_ptr<EditChannel> mEdit;
     std::unique_ptr<workspace_browser_startup::WSViewModel> mViewModel;
 };
 

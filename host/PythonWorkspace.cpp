@@ -274,6 +274,31 @@ void PythonWorkspace::assign(const std::string& name, const std::string& text) {
     edit("assign", "Cannot set '" + name + "': ", name, text);
 }
 
+std::pair<bool, std::string> PythonWorkspace::editText(const std::string& name) {
+    PyRef textFn(function("edit_text"));
+    PyRef budgetExceeded(function("BudgetExceeded"));
+    PyRef pyName = fromUtf8(name);
+    PyRef limit(PyLong_FromSize_t(WorkspaceHost::kEditTextLimit));
+    PyRef answer;
+    if (pyName && limit) {
+        // A repr of a builtin value; the budget only guards against a pathological one.
+        PythonInterpreter::Budget budget(*interpreter, options.reprBudget * 4, budgetExceeded.get(),
+                                         false);
+        answer = PyRef(PyObject_CallFunctionObjArgs(textFn.get(), ns.get(), pyName.get(),
+                                                    limit.get(), nullptr));
+    }
+    if (!answer || !PyTuple_Check(answer.get()) || PyTuple_GET_SIZE(answer.get()) != 2) {
+        const std::string error = PyErr_Occurred() ? takeError() : "no answer";
+        WSB_LOG(logger(), foundation::log::kWarning)
+            << "Cannot make the edit text of " << name << ": " << error;
+        return {false, "its text could not be made (" + error + ")"};
+    }
+    PyObject* text = PyTuple_GET_ITEM(answer.get(), 0);
+    if (PyUnicode_Check(text))
+        return {true, toUtf8(text)};
+    return {false, toUtf8(PyTuple_GET_ITEM(answer.get(), 1))};
+}
+
 std::pair<std::string, bool> PythonWorkspace::run(const std::string& code, bool capture,
                                                   bool echo) {
     PyRef runFn(function("run"));

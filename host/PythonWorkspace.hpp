@@ -49,6 +49,10 @@ public:
     void rename(const std::string& oldName, const std::string& newName);
     void assign(const std::string& name, const std::string& text);
 
+    // The text that recreates a variable for the grid's editor, or why there is none:
+    // (true, text) or (false, reason).
+    std::pair<bool, std::string> editText(const std::string& name);
+
     // Console code: runs `code` (the value of a final expression echoed when `echo`), with its
     // output captured when `capture` and on the process's streams otherwise.
     std::pair<std::string, bool> run(const std::string& code, bool capture, bool echo);

@@ -127,6 +127,26 @@ void WorkspaceHost::setMessageHandler(MessageHandler handler) {
     mImpl->messageHandler = std::move(handler);
 }
 
+void WorkspaceHost::editText(std::string name, EditTextCallback done) {
+    const bool queued =
+        mImpl->interpreter->post([impl = mImpl, name = std::move(name), done]() mutable {
+            if (!impl->isOpen())
+                return;
+            auto [editable, text] = impl->editText(name);
+            impl->delivery.post(
+                [done = std::move(done), editable = editable, text = std::move(text)]() mutable {
+                    if (done)
+                        done(editable, std::move(text));
+                });
+        });
+    if (!queued && done)
+        done(false, "the workspace is closed");
+}
+
+bool WorkspaceHost::interrupt() {
+    return mImpl->interpreter->interrupt();
+}
+
 void WorkspaceHost::runCode(std::string code, const OutputCallback& done) {
     const bool queued = mImpl->interpreter->post([impl = mImpl, code = std::move(code), done] {
         if (!impl->isOpen()) {

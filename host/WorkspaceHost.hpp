@@ -8,6 +8,7 @@
 #include <workspace_browser/datamodel/WorkspaceFunctions.hpp>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -41,6 +42,10 @@ public:
         std::chrono::milliseconds reprBudget{250};
     };
     using OutputCallback = std::function<void(std::string output, bool failed)>;
+    // (true, text) or (false, the reason there is none).
+    using EditTextCallback = std::function<void(bool editable, std::string textOrReason)>;
+    // The longest text the grid's editor is given; larger values are not edited in place.
+    static constexpr std::size_t kEditTextLimit = 64 * 1024;
     using MessageHandler = std::function<void(const std::string& message)>;
 
     // Loads the helper module into the interpreter; throws std::runtime_error when it fails.
@@ -64,6 +69,10 @@ public:
     void rename(std::string oldName, std::string newName);
     void editValue(std::string name, std::string text);
     void setMessageHandler(MessageHandler handler);
+    // The Python text that recreates `name` exactly, for the grid's editor, handed to `done`
+    // later: builtin values, numpy arrays and scalars up to kEditTextLimit characters; for
+    // anything else, or larger, why it cannot be edited in place.
+    void editText(std::string name, EditTextCallback done);
 
     // Runs console code later with its output captured (the value of a final expression is
     // echoed) and hands the output to `done`.
@@ -76,6 +85,8 @@ public:
     // with its output on the process's streams (Ctrl-C interrupts it).
     bool needsMoreInput(const std::string& source);
     void runTerminalCommand(const std::string& source);
+    // Breaks into the console code running now with KeyboardInterrupt; false when none runs.
+    bool interrupt();
 
     // The shown variable names, sorted.
     std::vector<std::string> variableNames();

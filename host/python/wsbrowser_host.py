@@ -328,12 +328,97 @@ def rename(ns, old, new):
     return None
 
 
+_LITERAL_TYPES = (bool, int, float, complex, str, bytes, type(None), list, tuple, dict, set,
+                  frozenset)
+
+
+def _same(a, b):
+    """Whether two values are equal and of the same types all the way down."""
+    if type(a) is not type(b):
+        return False
+    if isinstance(a, (list, tuple)):
+        return len(a) == len(b) and all(_same(x, y) for x, y in zip(a, b))
+    if isinstance(a, dict):
+        return (len(a) == len(b) and all(_same(x, y) for x, y in zip(a, b))
+                and all(_same(a[k], b[k]) for k in a))
+    if isinstance(a, float) and math.isnan(a):
+        return math.isnan(b)
+    return a == b
+
+
+def _number_text(x):
+    # Python's repr of a float round-trips exactly; NaN and the infinities need numpy's names.
+    if isinstance(x, float):
+        if math.isnan(x):
+            return "np.nan"
+        if math.isinf(x):
+            return "np.inf" if x > 0 else "-np.inf"
+    return repr(x)
+
+
+def _nested_text(items):
+    if isinstance(items, list):
+        return "[" + ", ".join(_nested_text(x) for x in items) + "]"
+    return _number_text(items)
+
+
+def _array_edit_text(a, limit):
+    if type(a) is not np.ndarray or a.dtype.kind not in "biufc":
+        return None, "only plain numeric arrays can be edited as text"
+    if a.size * 2 > limit:
+        return None, "%d elements are too many to edit in place" % a.size
+    text = "np.array(%s, dtype=%s)" % (_nested_text(a.tolist()), repr(a.dtype.name))
+    return text, None
+
+
+def edit_text(ns, name, limit):
+    """The Python text that recreates a variable exactly, for the grid's editor: (text, None),
+    or (None, reason) when the value cannot be edited as text in place. Nothing the user wrote
+    runs: builtin values are checked with ast.literal_eval, arrays are written out here."""
+    if name not in ns:
+        return None, "there is no variable '%s'" % _cut(str(name))[0]
+    value = ns[name]
+    if np is not None and isinstance(value, np.ndarray):
+        text, reason = _array_edit_text(value, limit)
+    elif np is not None and isinstance(value, np.generic) and value.dtype.kind in "biufc":
+        text, reason = "np.%s(%s)" % (value.dtype.name, _number_text(value.item())), None
+    elif type(value) is float:
+        text, reason = _number_text(value), None
+    elif type(value) in _LITERAL_TYPES:
+        if isinstance(value, (str, bytes, list, tuple, dict, set, frozenset)) and (
+                len(value) * 2 > limit):
+            return None, "%d items are too many to edit in place" % len(value)
+        text = repr(value)
+        try:
+            same = _same(ast.literal_eval(text), value)
+        except Exception:
+            same = False
+        reason = None if same else "its text does not read back as the same value"
+        if not same:
+            text = None
+    else:
+        return None, "a %s cannot be edited as text; change it in the console" % _type_name(value)
+    if text is not None and len(text) > limit:
+        return None, "its text is %d characters, over the %d that can be edited in place" % (
+            len(text), limit)
+    return text, reason
+
+
+def _edit_names(ns):
+    # An edit text may name numpy as np even where the user's code has not imported it; the
+    # user's own names always win.
+    if np is None:
+        return None
+    extra = {alias: np for alias in ("np", "numpy") if alias not in ns}
+    return extra or None
+
+
 def assign(ns, name, text):
     """Evaluates `text` in the namespace and assigns it; returns None or the error."""
     if name not in ns:
         return "Cannot set '%s': no such variable." % name
     try:
-        value = eval(compile(text, "<edit>", "eval"), ns)
+        value = eval(compile(text, "<edit>", "eval"), ns, _edit_names(ns))
     except BaseException as error:  # SystemExit and KeyboardInterrupt too: keep the old value
         message = "%s: %s" % (type(error).__name__, error)
         return "Cannot set '%s' to %s: %s" % (name, _cut(repr(text))[0], _cut(message)[0])

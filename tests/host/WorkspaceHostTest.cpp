@@ -365,3 +365,37 @@ TEST(WorkspaceHost, AnswersAreHandedOverOffTheInterpreterThread) {
     });
     EXPECT_TRUE(interpreterWasFree.get_future().get());
 }
+
+TEST(WorkspaceHost, EditTextsRecreateTheValueExactlyOrSayWhyNot) {
+    HostRig rig;
+    rig.run("import numpy as np\n"
+            "s = 'x' * 136\nl = list(range(100))\nsmall = np.array([-3, -1, 0, 2, 7], np.int8)\n"
+            "nan = float('nan')\nnested = {'a': [1, 2.5, (3,)], 'b': None}\n"
+            "big = list(range(100000))\nobj = object()\n");
+    const auto editText = [&](const std::string& name) {
+        std::promise<std::pair<bool, std::string>> answer;
+        rig.host->editText(name, [&answer](bool editable, std::string text) {
+            answer.set_value({editable, std::move(text)});
+        });
+        return answer.get_future().get();
+    };
+    // Committing the editor's first text writes back exactly what was there, type and all.
+    for (const char* name : {"s", "l", "small", "nan", "nested"}) {
+        const auto [editable, text] = editText(name);
+        ASSERT_TRUE(editable) << name << ": " << text;
+        rig.run("before = " + std::string(name) + "\ndel np\n");
+        rig.host->editValue(name, text);
+        EXPECT_EQ(rig.run("import numpy as np\n"
+                          "print(type(before) is type(" +
+                          std::string(name) + "), repr(before) == repr(" + std::string(name) +
+                          "), getattr(" + std::string(name) + ", 'dtype', ''))"),
+                  std::string("True True ") + (std::string(name) == "small" ? "int8" : "") + "\n")
+            << name << " from " << text;
+    }
+    EXPECT_TRUE(rig.takeMessages().empty());
+    const auto big = editText("big");
+    EXPECT_FALSE(big.first);
+    EXPECT_THAT(big.second, HasSubstr("too many"));
+    EXPECT_THAT(editText("obj").second, HasSubstr("console"));
+    EXPECT_THAT(editText("ghost").second, HasSubstr("no variable"));
+}
