@@ -71,7 +71,7 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
     mColumns =
         std::make_unique<ColumnsChannel>(service, "/Columns/" + mPageId, keysAsText(columns));
     std::weak_ptr<WorkspaceHost> weakHost = host;
-    mEdit = std::make_unique<EditChannel>(service, "/Edit/" + mPageId, host);
+    mWorkspace = std::make_unique<WorkspaceChannel>(service, "/Workspace/" + mPageId, host);
     if (options.console)
         mConsole =
             std::make_unique<ConsoleChannel>(service, "/Console/" + mPageId, std::move(host));
@@ -107,8 +107,8 @@ void PageSession::close() {
         mConsole->close();
     if (mColumns)
         mColumns->close();
-    if (mEdit)
-        mEdit->close();
+    if (mWorkspace)
+        mWorkspace->close();
     if (mViewModel)
         mViewModel->onPreShutdown();
 }

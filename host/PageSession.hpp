@@ -2,7 +2,7 @@
 
 #include "ColumnsChannel.hpp"
 #include "ConsoleChannel.hpp"
-#include "EditChannel.hpp"
+#include "WorkspaceChannel.hpp"
 #include "WorkspaceHost.hpp"
 
 #include <workspace_browser/datamodel/WSDataModel.hpp>
@@ -17,11 +17,11 @@ namespace wsbrowser {
 
 // What one connected browser page gets: a workspace view model on "/WorkspaceBrowser/<pageId>"
 // showing every column of the column table, "/Columns/<pageId>" telling the page which key each
-// column position holds, the full text of a value for its cell editor on "/Edit/<pageId>",
-// and, unless consoles are off, a console on "/Console/<pageId>".
-// The view model's rename and edit requests go to the workspace; selection and count are
-// logged. Thread-safe as far as its parts are; close() and destruction must not run on the
-// service's delivery thread nor on the view model's own queue.
+// column position holds, the page's requests to the workspace (edit texts, refresh) on
+// "/Workspace/<pageId>", and, unless consoles are off, a console on "/Console/<pageId>". The view
+// model's rename and edit requests go to the workspace; selection and count are logged. Thread-safe
+// as far as its parts are; close() and destruction must not run on the service's delivery thread
+// nor on the view model's own queue.
 class PageSession {
 public:
     struct Options {
@@ -56,7 +56,7 @@ private:
     std::string mPageId;
     std::unique_ptr<ConsoleChannel> mConsole;
     std::unique_ptr<ColumnsChannel> mColumns;
-    std::unique_ptr<EditChannel> mEdit;
+    std::unique_ptr<WorkspaceChannel> mWorkspace;
     std::unique_ptr<workspace_browser_startup::WSViewModel> mViewModel;
 };
 

@@ -143,6 +143,11 @@ void WorkspaceHost::editText(std::string name, EditTextCallback done) {
         done(false, "the workspace is closed");
 }
 
+void WorkspaceHost::refresh() {
+    if (auto trigger = triggerFunction())
+        trigger();
+}
+
 bool WorkspaceHost::interrupt() {
     return mImpl->interpreter->interrupt();
 }

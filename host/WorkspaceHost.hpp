@@ -85,6 +85,9 @@ public:
     // with its output on the process's streams (Ctrl-C interrupts it).
     bool needsMoreInput(const std::string& source);
     void runTerminalCommand(const std::string& source);
+    // Re-reads the whole workspace later: every variable is reported changed (after the
+    // deletions), and one whose description ran out of time gets its budget again.
+    void refresh();
     // Breaks into the console code running now with KeyboardInterrupt; false when none runs.
     bool interrupt();
 

@@ -109,6 +109,18 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
               R"("Mode","Var","Std","Bytes"]})");
     EXPECT_EQ(columns.count(), 1U);
 
+    // The cell editor gets a value's whole text; a refresh reads every variable again.
+    ChannelPage workspace(rig.service, "/Workspace/p1");
+    const auto text = workspace.send(R"({"get":"editText","name":"m","id":7})");
+    EXPECT_EQ(text.number("id"), 7);
+    EXPECT_TRUE(text.flag("editable"));
+    EXPECT_EQ(text.string("text"),
+              "np.array([[0.0, 1.0, 2.0, 3.0], [4.0, 5.0, 6.0, 7.0], [8.0, 9.0, 10.0, 11.0]], "
+              "dtype='float64')");
+    EXPECT_THAT(workspace.send(R"({"get":"editText"})").string("error"), HasSubstr("editText"));
+    rig.service->publishFromClient("/Workspace/p1", R"({"do":"refresh"})");
+    EXPECT_TRUE(rig.waitWatched("changed: m, s"));
+
     // Console code changes the workspace; the grid hears of it and the watcher reports it.
     const auto reply = console.send(R"({"code":"k = 3\nk * 2"})");
     EXPECT_EQ(reply.string("output"), "6\n");
@@ -128,7 +140,8 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
     rig.workspace.run("del k\n");
     EXPECT_TRUE(rig.waitWatched("deleted: k"));
     std::lock_guard<std::mutex> lock(rig.mutex);
-    EXPECT_THAT(rig.watched, ::testing::ElementsAre("added: m, s", "added: k", "deleted: k"));
+    EXPECT_THAT(rig.watched,
+                ::testing::ElementsAre("added: m, s", "changed: m, s", "added: k", "deleted: k"));
 }
 
 TEST(BrowserApp, PagesComeAndGoIndependentlyAndConsolesCanBeOff) {

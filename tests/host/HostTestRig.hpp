@@ -74,7 +74,9 @@ public:
         return std::exchange(mMessages, {});
     }
     // Lets the work queued on the interpreter so far finish.
-    void wait() { host->variableNames(); }
+    // Waits until the work queued so far has run and its batches and answers were handed over
+    // (they leave in order on the host's delivery thread).
+    void wait() { fetch({}); }
 
     std::vector<WSVariable> fetch(const Names& names, const Names& fields = kAllFields,
                                   bool stats = true, double limit = 1e5) {

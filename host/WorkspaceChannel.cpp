@@ -1,4 +1,4 @@
-#include "EditChannel.hpp"
+#include "WorkspaceChannel.hpp"
 
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 #include <workspace_browser/platform/json/Serialize.hpp>
@@ -15,13 +15,13 @@ namespace {
 
 const foundation::log::basic_diagnostic_logger& logger() {
     static const foundation::log::basic_diagnostic_logger instance(
-        "zentra::wsbrowser::EditChannel");
+        "zentra::wsbrowser::WorkspaceChannel");
     return instance;
 }
 
 } // namespace
 
-struct EditChannel::State {
+struct WorkspaceChannel::State {
     std::mutex mutex; // guards open
     bool open = true;
     connector::message_service::MessageService::Ptr service;
@@ -41,8 +41,8 @@ struct EditChannel::State {
     }
 };
 
-EditChannel::EditChannel(connector::message_service::MessageService::Ptr service,
-                         std::string channel, std::shared_ptr<WorkspaceHost> host)
+WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::Ptr service,
+                                   std::string channel, std::shared_ptr<WorkspaceHost> host)
     : mState(std::make_shared<State>()) {
     mState->service = std::move(service);
     mState->channel = std::move(channel);
@@ -57,40 +57,47 @@ EditChannel::EditChannel(connector::message_service::MessageService::Ptr service
         const std::string_view text = message.text();
         const int parsed = workspace_browser_startup::JsonTypedValues::parseObject(
             text.data(), text.data() + text.size(), request);
-        const auto get = request.find("get");
-        const auto name = request.find("name");
-        if (parsed != 0 || get == request.end() || !get->second.is<std::string>() ||
-            get->second.get<std::string>() != "editText" || name == request.end() ||
-            !name->second.is<std::string>()) {
-            state->publish(json::Object{
-                {"error", json::Value("an edit-text request is "
-                                      "{\"get\":\"editText\",\"name\":\"...\",\"id\":n}")}});
+        const auto field = [&request](const char* key) -> const std::string* {
+            const auto found = request.find(key);
+            return found != request.end() && found->second.is<std::string>()
+                       ? &found->second.get<std::string>()
+                       : nullptr;
+        };
+        const std::string* get = field("get");
+        const std::string* name = field("name");
+        const std::string* action = field("do");
+        if (parsed == 0 && action && *action == "refresh") {
+            host->refresh();
             return;
         }
-        json::Object answer{{"name", name->second}};
+        if (parsed != 0 || !get || *get != "editText" || !name) {
+            state->publish(json::Object{
+                {"error", json::Value("a workspace request is {\"get\":\"editText\","
+                                      "\"name\":\"...\",\"id\":n} or {\"do\":\"refresh\"}")}});
+            return;
+        }
+        json::Object answer{{"answer", json::Value("editText")}, {"name", json::Value(*name)}};
         if (const auto id = request.find("id");
             id != request.end() &&
             (id->second.is<double>() || id->second.is<long>() || id->second.is<unsigned long>()))
             answer.emplace("id", id->second);
-        host->editText(name->second.get<std::string>(),
-                       [weak, answer](bool editable, std::string textOrReason) mutable {
-                           auto alive = weak.lock();
-                           if (!alive)
-                               return;
-                           answer.emplace("editable", json::Value(editable));
-                           answer.emplace(editable ? "text" : "reason",
-                                          json::Value(std::move(textOrReason)));
-                           alive->publish(answer);
-                       });
+        host->editText(*name, [weak, answer](bool editable, std::string textOrReason) mutable {
+            auto alive = weak.lock();
+            if (!alive)
+                return;
+            answer.emplace("editable", json::Value(editable));
+            answer.emplace(editable ? "text" : "reason", json::Value(std::move(textOrReason)));
+            alive->publish(answer);
+        });
     };
     mSubscription = mState->service->subscribe(mState->channel, onMessage).get();
 }
 
-EditChannel::~EditChannel() {
+WorkspaceChannel::~WorkspaceChannel() {
     close();
 }
 
-void EditChannel::close() {
+void WorkspaceChannel::close() {
     {
         std::lock_guard<std::mutex> lock(mState->mutex);
         mState->open = false;

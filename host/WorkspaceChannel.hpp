@@ -1,0 +1,39 @@
+#pragma once
+
+#include "WorkspaceHost.hpp"
+
+#include <workspace_browser/platform/message_service/MessageService.hpp>
+#include <workspace_browser/platform/message_service/Subscription.hpp>
+
+#include <memory>
+#include <string>
+
+namespace wsbrowser {
+
+// One page's requests to the workspace itself, beside the grid's own channels:
+// - {"get":"editText","name":"x","id":n}: the grid's cells carry a shortened display text, and
+//   an editor that started from it would write the shortening back; the answer is
+//   {"answer":"editText","id":n,"name":"x","editable":true,"text":"..."} with the Python text
+//   that recreates the value exactly, or the same with "editable":false and a "reason".
+// - {"do":"refresh"}: re-reads the whole workspace (every variable is described again, also one
+//   whose change no scan could see); the grid's usual updates follow, no answer.
+// Anything else is answered {"error":"..."}.
+// Thread-safe: requests arrive on the service's delivery thread, answers leave from the host's
+// delivery thread, and close() may come from any thread; after close() nothing more is sent.
+class WorkspaceChannel {
+public:
+    WorkspaceChannel(connector::message_service::MessageService::Ptr service, std::string channel,
+                     std::shared_ptr<WorkspaceHost> host);
+    ~WorkspaceChannel();
+    WorkspaceChannel(const WorkspaceChannel&) = delete;
+    WorkspaceChannel& operator=(const WorkspaceChannel&) = delete;
+
+    void close();
+
+private:
+    struct State;
+    std::shared_ptr<State> mState;
+    std::shared_ptr<connector::message_service::Subscription> mSubscription;
+};
+
+} // namespace wsbrowser
