@@ -17,6 +17,11 @@ const foundation::log::basic_diagnostic_logger& logger() {
     return instance;
 }
 
+// A text from the host itself, as one run on stdout or stderr.
+WorkspaceHost::ConsoleOutput hostText(const std::string& text, bool error) {
+    return {text, error, {{error, text}}};
+}
+
 } // namespace
 
 struct ConsoleChannel::State {
@@ -25,12 +30,19 @@ struct ConsoleChannel::State {
     connector::message_service::MessageService::Ptr service;
     std::string channel;
 
-    void publish(const std::string& output, bool error) {
+    void publish(const WorkspaceHost::ConsoleOutput& output) {
+        namespace json = foundation::json;
+        json::Array runs;
+        for (const auto& [toStderr, text] : output.runs) {
+            runs.emplace_back(json::Object{{"stream", json::Value(toStderr ? "stderr" : "stdout")},
+                                           {"text", json::Value(text)}});
+        }
+        json::Object message{{"output", json::Value(output.text)},
+                             {"error", json::Value(output.failed)},
+                             {"runs", json::Value(std::move(runs))}};
         std::lock_guard<std::mutex> lock(mutex);
         if (!open)
             return;
-        foundation::json::Object message{{"output", foundation::json::Value(output)},
-                                         {"error", foundation::json::Value(error)}};
         const std::string text = foundation::json::serialize(foundation::json::Value(message));
         try {
             service->publish(channel, connector::message_service::JsonMessage(text));
@@ -47,26 +59,34 @@ ConsoleChannel::ConsoleChannel(connector::message_service::MessageService::Ptr s
     mState->service = std::move(service);
     mState->channel = std::move(channel);
     std::weak_ptr<State> weak = mState;
-    auto onMessage =
-        [weak, host = std::move(host)](const connector::message_service::JsonMessage& message) {
-            auto state = weak.lock();
-            if (!state)
-                return;
-            foundation::json::Object object;
-            const std::string_view text = message.text();
-            const int result = workspace_browser_startup::JsonTypedValues::parseObject(
-                text.data(), text.data() + text.size(), object);
-            const auto code = object.find("code");
-            if (result != 0 || code == object.end() || !code->second.is<std::string>()) {
-                state->publish("A console message must be an object with a \"code\" text.\n", true);
-                return;
-            }
-            host->runCode(code->second.get<std::string>(),
-                          [weak](const std::string& output, bool failed) {
-                              if (auto alive = weak.lock())
-                                  alive->publish(output, failed);
-                          });
-        };
+    auto onMessage = [weak, host = std::move(host)](
+                         const connector::message_service::JsonMessage& message) {
+        auto state = weak.lock();
+        if (!state)
+            return;
+        foundation::json::Object object;
+        const std::string_view text = message.text();
+        const int result = workspace_browser_startup::JsonTypedValues::parseObject(
+            text.data(), text.data() + text.size(), object);
+        const auto code = object.find("code");
+        const auto interrupt = object.find("interrupt");
+        if (result == 0 && interrupt != object.end() && interrupt->second.is<bool>() &&
+            interrupt->second.get<bool>()) {
+            // Ctrl+C in the page: with nothing running there is nothing to say.
+            host->interrupt();
+            return;
+        }
+        if (result != 0 || code == object.end() || !code->second.is<std::string>()) {
+            state->publish(hostText(
+                "A console message must be {\"code\":\"...\"} or {\"interrupt\":true}.\n", true));
+            return;
+        }
+        host->runCode(code->second.get<std::string>(),
+                      [weak](const WorkspaceHost::ConsoleOutput& output) {
+                          if (auto alive = weak.lock())
+                              alive->publish(output);
+                      });
+    };
     mSubscription = mState->service->subscribe(mState->channel, onMessage).get();
 }
 
@@ -75,7 +95,7 @@ ConsoleChannel::~ConsoleChannel() {
 }
 
 void ConsoleChannel::publish(const std::string& output, bool error) {
-    mState->publish(output, error);
+    mState->publish(hostText(output, error));
 }
 
 void ConsoleChannel::close() {

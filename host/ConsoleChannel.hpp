@@ -11,8 +11,11 @@
 namespace wsbrowser {
 
 // One page's console: code the page publishes on its channel as {"code":"..."} runs in the
-// workspace with its output captured, and the page receives {"output":"...","error":bool}.
-// A message that is not such an object is answered with an error and runs nothing.
+// workspace with its output captured, and the page receives
+// {"output":"...","error":bool,"runs":[{"stream":"stdout"|"stderr","text":"..."},...]}: the
+// whole output, whether the code raised, and the same output by stream in the order written.
+// {"interrupt":true} breaks into the code running now with KeyboardInterrupt. A message that
+// is neither is answered with an error and runs nothing.
 // Thread-safe: messages arrive on the service's delivery thread, answers leave from the
 // host's delivery thread, and close() may come from any thread; after close() nothing more is
 // published.

@@ -299,7 +299,7 @@ std::pair<bool, std::string> PythonWorkspace::editText(const std::string& name) 
     return {false, toUtf8(PyTuple_GET_ITEM(answer.get(), 1))};
 }
 
-std::pair<std::string, bool> PythonWorkspace::run(const std::string& code, bool capture,
+WorkspaceHost::ConsoleOutput PythonWorkspace::run(const std::string& code, bool capture,
                                                   bool echo) {
     PyRef runFn(function("run"));
     PyRef source = fromUtf8(code);
@@ -313,18 +313,27 @@ std::pair<std::string, bool> PythonWorkspace::run(const std::string& code, bool 
                                                         boolean(capture), nullptr));
         }
     }
-    std::pair<std::string, bool> outcome{"", true};
-    if (result && PyTuple_Check(result.get()) && PyTuple_GET_SIZE(result.get()) == 2) {
-        outcome.first = toUtf8(PyTuple_GET_ITEM(result.get(), 0));
-        outcome.second = PyTuple_GET_ITEM(result.get(), 1) == Py_True;
+    WorkspaceHost::ConsoleOutput output;
+    if (result && PyTuple_Check(result.get()) && PyTuple_GET_SIZE(result.get()) == 3) {
+        output.text = toUtf8(PyTuple_GET_ITEM(result.get(), 0));
+        output.failed = PyTuple_GET_ITEM(result.get(), 1) == Py_True;
+        PyObject* runs = PyTuple_GET_ITEM(result.get(), 2);
+        for (Py_ssize_t i = 0; PyList_Check(runs) && i < PyList_GET_SIZE(runs); ++i) {
+            PyObject* run = PyList_GET_ITEM(runs, i);
+            if (PyTuple_Check(run) && PyTuple_GET_SIZE(run) == 2)
+                output.runs.emplace_back(PyTuple_GET_ITEM(run, 0) == Py_True,
+                                         toUtf8(PyTuple_GET_ITEM(run, 1)));
+        }
     } else {
         // An interruption between the helper's own steps lands here.
-        outcome.first = "The command was broken off: " + takeError() + "\n";
+        output.text = "The command was broken off: " + takeError() + "\n";
+        output.failed = true;
+        output.runs = {{true, output.text}};
         if (!capture)
-            PySys_WriteStderr("%s", outcome.first.c_str());
+            PySys_WriteStderr("%s", output.text.c_str());
     }
     raiseChanges();
-    return outcome;
+    return output;
 }
 
 bool PythonWorkspace::runScript(const std::string& path) {

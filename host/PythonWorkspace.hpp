@@ -55,7 +55,7 @@ public:
 
     // Console code: runs `code` (the value of a final expression echoed when `echo`), with its
     // output captured when `capture` and on the process's streams otherwise.
-    std::pair<std::string, bool> run(const std::string& code, bool capture, bool echo);
+    WorkspaceHost::ConsoleOutput run(const std::string& code, bool capture, bool echo);
     bool runScript(const std::string& path);
     bool needsMoreInput(const std::string& source);
 

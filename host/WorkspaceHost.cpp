@@ -20,6 +20,11 @@ const foundation::log::basic_diagnostic_logger& logger() {
     return instance;
 }
 
+WorkspaceHost::ConsoleOutput closedOutput() {
+    std::string text = "The workspace is closed.\n";
+    return {text, true, {{true, text}}};
+}
+
 } // namespace
 
 // Every method hands its work to the interpreter thread: `post` for what answers later,
@@ -156,26 +161,25 @@ void WorkspaceHost::runCode(std::string code, const OutputCallback& done) {
     const bool queued = mImpl->interpreter->post([impl = mImpl, code = std::move(code), done] {
         if (!impl->isOpen()) {
             if (done)
-                done("The workspace is closed.\n", true);
+                done(closedOutput());
             return;
         }
-        auto [output, failed] = impl->run(code, true, true);
+        ConsoleOutput output = impl->run(code, true, true);
         // Behind the change batch the code caused, so that whoever reads the output sees the
         // workspace as the code left it.
         if (done)
-            impl->delivery.post([done, output = std::move(output), failed]() mutable {
-                done(std::move(output), failed);
-            });
+            impl->delivery.post(
+                [done, output = std::move(output)]() mutable { done(std::move(output)); });
     });
     if (!queued && done)
-        done("The workspace is closed.\n", true);
+        done(closedOutput());
 }
 
 std::pair<std::string, bool> WorkspaceHost::execute(const std::string& code) {
     auto promise = std::make_shared<std::promise<std::pair<std::string, bool>>>();
     auto result = promise->get_future();
-    runCode(code, [promise](std::string output, bool failed) {
-        promise->set_value({std::move(output), failed});
+    runCode(code, [promise](ConsoleOutput output) {
+        promise->set_value({std::move(output.text), output.failed});
     });
     return result.get();
 }

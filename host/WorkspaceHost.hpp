@@ -41,7 +41,13 @@ public:
         // out of time is not tried again until it changes or the workspace is re-read.
         std::chrono::milliseconds reprBudget{250};
     };
-    using OutputCallback = std::function<void(std::string output, bool failed)>;
+    // What console code wrote, as one text and as runs written to one stream.
+    struct ConsoleOutput {
+        std::string text;
+        bool failed = false;                            // it raised
+        std::vector<std::pair<bool, std::string>> runs; // (written to stderr, text), in order
+    };
+    using OutputCallback = std::function<void(ConsoleOutput output)>;
     // (true, text) or (false, the reason there is none).
     using EditTextCallback = std::function<void(bool editable, std::string textOrReason)>;
     // The longest text the grid's editor is given; larger values are not edited in place.

@@ -426,14 +426,40 @@ def assign(ns, name, text):
     return None
 
 
-class _CappedText(io.TextIOBase):
-    """A text sink that keeps at most OUTPUT_CHARS characters."""
+class _Capture:
+    """What console code writes to stdout and stderr, in order, up to OUTPUT_CHARS characters."""
 
     def __init__(self):
-        super().__init__()
-        self.parts = []
+        self.runs = []  # [is_stderr, text], consecutive writes to one stream joined
         self.length = 0
         self.cut = False
+
+    def add(self, is_stderr, text):
+        room = OUTPUT_CHARS - self.length
+        if len(text) > room:
+            text = text[:max(room, 0)]
+            self.cut = True
+        if not text:
+            return
+        if self.runs and self.runs[-1][0] == is_stderr:
+            self.runs[-1][1] += text
+        else:
+            self.runs.append([is_stderr, text])
+        self.length += len(text)
+
+    def result(self):
+        if self.cut:
+            self.runs.append([True, "\n[output cut]\n"])
+        return "".join(text for _, text in self.runs), [tuple(run) for run in self.runs]
+
+
+class _CaptureStream(io.TextIOBase):
+    """stdout or stderr while console code runs: a text sink feeding a _Capture."""
+
+    def __init__(self, capture, is_stderr):
+        super().__init__()
+        self.capture = capture
+        self.is_stderr = is_stderr
 
     def writable(self):
         return True
@@ -441,16 +467,8 @@ class _CappedText(io.TextIOBase):
     def write(self, text):
         if not isinstance(text, str):
             raise TypeError("write() argument must be str, not " + _type_name(text))
-        room = OUTPUT_CHARS - self.length
-        if len(text) > room:
-            text = text[:max(room, 0)]
-            self.cut = True
-        self.parts.append(text)
-        self.length += len(text)
+        self.capture.add(self.is_stderr, text)
         return len(text)
-
-    def text(self):
-        return "".join(self.parts) + ("\n[output cut]\n" if self.cut else "")
 
 
 def _print_error(error, stream):
@@ -479,12 +497,13 @@ def _run(ns, source, filename, echo):
 
 
 def run(ns, source, filename, echo, capture):
-    """Runs code in the namespace. With `capture`, returns (output, failed) with what it wrote
-    to stdout and stderr; otherwise it writes to the real streams and returns ("", failed)."""
-    sink = _CappedText() if capture else None
+    """Runs code in the namespace. With `capture`, returns (output, failed, runs): what it wrote
+    to stdout and stderr, and the same as (is_stderr, text) runs in order; otherwise it writes
+    to the real streams and returns ("", failed, [])."""
+    sink = _Capture() if capture else None
     saved = sys.stdout, sys.stderr
     if capture:
-        sys.stdout = sys.stderr = sink
+        sys.stdout, sys.stderr = _CaptureStream(sink, False), _CaptureStream(sink, True)
     failed = False
     try:
         try:
@@ -494,7 +513,10 @@ def run(ns, source, filename, echo, capture):
             _print_error(error, sys.stderr)
     finally:
         sys.stdout, sys.stderr = saved
-    return (sink.text() if capture else ""), failed
+    if not capture:
+        return "", failed, []
+    output, runs = sink.result()
+    return output, failed, runs
 
 
 def needs_more_input(source):

@@ -129,6 +129,20 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
     grid.paging(R"({"eventType":13})");
     EXPECT_EQ(grid.waitFor(isSize, sizes).number("rowCount"), 3);
     EXPECT_TRUE(console.send(R"({"code":"undefined_thing"})").flag("error"));
+    // Output keeps its streams apart, in the order written.
+    EXPECT_THAT(
+        console.send(R"j({"code":"import sys\nprint(1)\nsys.stderr.write('e\\n')\nprint(2)"})j")
+            .text,
+        HasSubstr(R"("runs":[{"stream":"stdout","text":"1\n"},{"stream":"stderr","text":"e\n"},)"
+                  R"({"stream":"stdout","text":"2\n"}])"));
+    // Ctrl+C in the page breaks into code that would never end.
+    const std::size_t running = console.count();
+    rig.service->publishFromClient("/Console/p1", R"({"code":"while True: pass"})");
+    while (console.count() == running) {
+        rig.service->publishFromClient("/Console/p1", R"({"interrupt":true})");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_THAT(console.waitFor(running).string("output"), HasSubstr("KeyboardInterrupt"));
     EXPECT_THAT(console.send(R"({"nocode":1})").string("output"), HasSubstr("\"code\""));
     EXPECT_TRUE(console.send("not json").flag("error"));
 
