@@ -30,7 +30,7 @@ struct ConsoleChannel::State {
     connector::message_service::MessageService::Ptr service;
     std::string channel;
 
-    void publish(const WorkspaceHost::ConsoleOutput& output) {
+    void publish(const WorkspaceHost::ConsoleOutput& output, bool notice = false) {
         namespace json = foundation::json;
         json::Array runs;
         for (const auto& [toStderr, text] : output.runs) {
@@ -40,6 +40,8 @@ struct ConsoleChannel::State {
         json::Object message{{"output", json::Value(output.text)},
                              {"error", json::Value(output.failed)},
                              {"runs", json::Value(std::move(runs))}};
+        if (notice)
+            message.emplace("notice", json::Value(true));
         std::lock_guard<std::mutex> lock(mutex);
         if (!open)
             return;
@@ -95,7 +97,7 @@ ConsoleChannel::~ConsoleChannel() {
 }
 
 void ConsoleChannel::publish(const std::string& output, bool error) {
-    mState->publish(hostText(output, error));
+    mState->publish(hostText(output, error), true);
 }
 
 void ConsoleChannel::close() {

@@ -14,6 +14,7 @@ namespace wsbrowser {
 // workspace with its output captured, and the page receives
 // {"output":"...","error":bool,"runs":[{"stream":"stdout"|"stderr","text":"..."},...]}: the
 // whole output, whether the code raised, and the same output by stream in the order written.
+// The host's own notices (a refused rename) come the same way with "notice":true.
 // {"interrupt":true} breaks into the code running now with KeyboardInterrupt. A message that
 // is neither is answered with an error and runs nothing.
 // Thread-safe: messages arrive on the service's delivery thread, answers leave from the
@@ -27,7 +28,8 @@ public:
     ConsoleChannel(const ConsoleChannel&) = delete;
     ConsoleChannel& operator=(const ConsoleChannel&) = delete;
 
-    // Sends text to the page as console output.
+    // Sends the host's own text to the page as console output, marked "notice": true so that
+    // the page does not take it for the answer to a command.
     void publish(const std::string& output, bool error);
     void close();
 

@@ -7,11 +7,14 @@ std::string takeError() {
     PyObject* value = nullptr;
     PyObject* traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
-    std::string text = "unknown error";
-    if (value) {
+    // "KeyboardInterrupt", "ValueError: bad value": the type says as much as the message.
+    std::string text = type && PyType_Check(type)
+                           ? reinterpret_cast<PyTypeObject*>(type)->tp_name
+                           : "unknown error";
+    if (value && value != Py_None) {
         if (PyObject* str = PyObject_Str(value)) {
-            if (const char* utf8 = PyUnicode_AsUTF8(str))
-                text = utf8;
+            if (const char* utf8 = PyUnicode_AsUTF8(str); utf8 && *utf8)
+                text += std::string(": ") + utf8;
             Py_DECREF(str);
         }
     }

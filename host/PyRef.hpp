@@ -42,7 +42,7 @@ private:
 // Conversions between Python objects and this program's texts; interpreter thread only.
 namespace py {
 
-// The pending Python error as text (and cleared).
+// The pending Python error as "Type: message" (or the type alone), and cleared.
 std::string takeError();
 // A str as UTF-8; text that is not valid Unicode (lone surrogates) is escaped, never lost.
 // Anything that is not a str is the empty text.

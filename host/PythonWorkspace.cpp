@@ -305,7 +305,9 @@ WorkspaceHost::ConsoleOutput PythonWorkspace::run(const std::string& code, bool 
     PyRef source = fromUtf8(code);
     PyRef filename(PyUnicode_FromString(capture ? "<console>" : "<stdin>"));
     PyRef result;
-    {
+    if (capture && interruptRequested.exchange(false)) {
+        PyErr_SetNone(PyExc_KeyboardInterrupt);
+    } else {
         const auto budget = interruptible(*interpreter);
         if (source && filename) {
             result = PyRef(PyObject_CallFunctionObjArgs(runFn.get(), ns.get(), source.get(),
@@ -313,6 +315,7 @@ WorkspaceHost::ConsoleOutput PythonWorkspace::run(const std::string& code, bool 
                                                         boolean(capture), nullptr));
         }
     }
+    interruptRequested = false;
     WorkspaceHost::ConsoleOutput output;
     if (result && PyTuple_Check(result.get()) && PyTuple_GET_SIZE(result.get()) == 3) {
         output.text = toUtf8(PyTuple_GET_ITEM(result.get(), 0));

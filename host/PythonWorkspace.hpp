@@ -10,6 +10,7 @@
 #include <workspace_browser/datamodel/EventInfo.hpp>
 #include <workspace_browser/datamodel/WSVariable.hpp>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -76,8 +77,12 @@ public:
     WorkspaceHost::MessageHandler messageHandler;
     // Where listeners, fetch results and console output are handed over, in order.
     DeliveryThread delivery{"wsbDelivery"};
-    std::mutex closeMutex; // serialises WorkspaceHost::close()
-    bool closed = false;   // guarded by closeMutex
+    // Ctrl+C from a page that came before its command started; the next console command
+    // consumes it, and every command's end clears it.
+    std::atomic<bool> interruptRequested{false};
+    std::atomic<int> queuedCommands{0}; // console commands posted and not finished
+    std::mutex closeMutex;              // serialises WorkspaceHost::close()
+    bool closed = false;                // guarded by closeMutex
 
     // Interpreter thread only. The scanner borrows the helper module's objects it is given.
     PyRef module;

@@ -154,25 +154,36 @@ void WorkspaceHost::refresh() {
 }
 
 bool WorkspaceHost::interrupt() {
-    return mImpl->interpreter->interrupt();
+    if (mImpl->interpreter->interrupt())
+        return true;
+    // A command may still wait its turn: it is broken off as soon as it starts.
+    if (mImpl->queuedCommands > 0)
+        mImpl->interruptRequested = true;
+    return false;
 }
 
 void WorkspaceHost::runCode(std::string code, const OutputCallback& done) {
+    ++mImpl->queuedCommands;
     const bool queued = mImpl->interpreter->post([impl = mImpl, code = std::move(code), done] {
         if (!impl->isOpen()) {
+            --impl->queuedCommands;
             if (done)
                 done(closedOutput());
             return;
         }
         ConsoleOutput output = impl->run(code, true, true);
+        --impl->queuedCommands;
         // Behind the change batch the code caused, so that whoever reads the output sees the
         // workspace as the code left it.
         if (done)
             impl->delivery.post(
                 [done, output = std::move(output)]() mutable { done(std::move(output)); });
     });
-    if (!queued && done)
-        done(closedOutput());
+    if (!queued) {
+        --mImpl->queuedCommands;
+        if (done)
+            done(closedOutput());
+    }
 }
 
 std::pair<std::string, bool> WorkspaceHost::execute(const std::string& code) {

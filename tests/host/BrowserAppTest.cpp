@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 using namespace wsb_host_test;
 using ::testing::HasSubstr;
 using wsb_test::GridClient;

@@ -13,6 +13,8 @@ export interface Channels {
   console: string;
   /** The host answers here which key each column position holds. */
   columns: string;
+  /** Requests to the workspace itself: edit texts, refresh. */
+  workspace: string;
 }
 
 export interface ConnectionHandlers {
@@ -68,6 +70,7 @@ export function channelsOf(pageId: string): Channels {
     paging: `/WorkspaceBrowser/${pageId}_who`,
     console: `/Console/${pageId}`,
     columns: `/Columns/${pageId}`,
+    workspace: `/Workspace/${pageId}`,
   };
 }
 

@@ -9,6 +9,7 @@ import 'ag-grid-community/styles/ag-theme-quartz.css';
 import {
   CellStyleModule,
   ColumnApiModule,
+  CustomEditorModule,
   InfiniteRowModelModule,
   ModuleRegistry,
   RowApiModule,
@@ -24,6 +25,8 @@ import {
   type IRowNode,
   type ValueSetterParams,
 } from 'ag-grid-community';
+import { CellTextEditor, EditTextRequests, type EditorContext } from './editor';
+import { workspace } from './messages';
 import { PagingState, type Block, type PagingSender, type PagingView, type SortState } from './paging';
 import { inRanges, type ColumnInfo, type Row, type RowRange } from './protocol';
 
@@ -31,6 +34,7 @@ ModuleRegistry.registerModules([
   InfiniteRowModelModule,
   CellStyleModule,
   ColumnApiModule,
+  CustomEditorModule,
   RowApiModule,
   RowSelectionModule,
   ScrollApiModule,
@@ -43,6 +47,8 @@ const ROW_HEIGHT = 28;
 const BLOCK_SIZE = 100;
 
 export interface Outbox extends PagingSender {
+  /** Requests to the workspace itself (edit texts). */
+  workspace(message: unknown): boolean;
   /** Tells the user something short, e.g. why an edit did not happen. */
   notice(text: string): void;
 }
@@ -78,12 +84,19 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   readonly state: PagingState<IGetRowsParams<Row>>;
   private applyingSelection = false;
   private firstRowsAt: number | null = null;
+  private readonly editTexts = new EditTextRequests();
+  private readonly editorContext: EditorContext;
 
   constructor(
     readonly element: HTMLElement,
     private readonly out: Outbox,
   ) {
     this.state = new PagingState(this, out);
+    this.editorContext = {
+      requests: this.editTexts,
+      send: (name, id) => out.workspace(workspace.editText(name, id)),
+      notice: (text) => out.notice(text),
+    };
     this.api = createGrid<Row>(element, {
       theme: 'legacy',
       rowModelType: 'infinite',
@@ -103,6 +116,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
         headerCheckbox: false,
         enableClickSelection: true,
       },
+      // Leaving the cell ends the edit; the editor decides that this cancels it.
       stopEditingWhenCellsLoseFocus: true,
       getRowId: undefined,
       onSelectionChanged: (event) => {
@@ -142,7 +156,12 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   }
 
   connected(): void {
+    this.editTexts.clear();
     this.state.connected();
+  }
+
+  onWorkspace(message: unknown): void {
+    if (!this.editTexts.answer(message)) console.warn('Ignoring a workspace message:', message);
   }
 
   onPaging(message: unknown): void {
@@ -199,6 +218,8 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
       initialSort: column.key === sort.column ? (sort.ascending ? 'asc' : 'desc') : undefined,
       sortable: column.sortable,
       editable: column.editable && (column.key === 'Name' || column.key === 'Value'),
+      cellEditor: CellTextEditor,
+      cellEditorParams: { texts: this.editorContext, fetchText: column.key === 'Value' },
       valueGetter: (params) => params.data?.[column.key]?.value ?? '',
       valueSetter: (params) => this.edit(column, params),
       cellRenderer: column.key === 'Name' ? nameCell : undefined,

@@ -12,7 +12,7 @@ import {
   takeToken,
 } from './connection';
 import { CommandBox } from './console';
-import { columnsRequest, consoleRequest } from './messages';
+import { columnsRequest, consoleInterrupt, consoleRequest, workspace } from './messages';
 import type { WorkspaceGrid } from './grid';
 
 function byId<T extends HTMLElement>(id: string): T {
@@ -45,18 +45,26 @@ let open = false;
 // What arrives before the grid exists, handed to it in order once it does.
 const early: Array<[keyof Channels, unknown]> = [];
 const commands = new CommandBox(
+  byId<HTMLElement>('console'),
   byId<HTMLTextAreaElement>('command'),
   byId<HTMLButtonElement>('run'),
   byId('output'),
-  (code) => connection.publish('console', consoleRequest(code)),
-  showNotice,
+  {
+    run: (code) => connection.publish('console', consoleRequest(code)),
+    interrupt: () => connection.publish('console', consoleInterrupt()),
+    notice: showNotice,
+  },
 );
+byId<HTMLButtonElement>('refresh').addEventListener('click', () => {
+  if (!connection.publish('workspace', workspace.refresh())) showNotice('Not connected: nothing was refreshed.');
+});
 
 function deliver(channel: keyof Channels, message: unknown): void {
   // A bad message must not take the page down with it.
   try {
     if (channel === 'console') commands.onMessage(message);
     else if (channel === 'columns' && grid) grid.onColumnKeys(message);
+    else if (channel === 'workspace') grid?.onWorkspace(message);
     else if (!grid) early.push([channel, message]);
     else if (channel === 'paging') grid.onPaging(message);
     else grid.onViewModel(message);
@@ -75,7 +83,10 @@ connection = new Connection(url, {
     grid?.connected();
   },
   onState: (state, text) => {
-    if (state !== 'open') open = false;
+    if (state !== 'open') {
+      open = false;
+      commands.disconnected();
+    }
     showState(state, text);
   },
   onMessage: deliver,
@@ -95,6 +106,7 @@ const { WorkspaceGrid: Grid } = await import('./grid');
 grid = new Grid(byId('grid'), {
   paging: (message) => connection.publish('paging', message),
   viewModel: (message) => connection.publish('viewModel', message),
+  workspace: (message) => connection.publish('workspace', message),
   notice: showNotice,
 });
 if (open) grid.connected();

@@ -86,4 +86,18 @@ export const viewModel = {
 
 export const consoleRequest = (code: string): { code: string } => ({ code });
 
+/** Ctrl+C: breaks into the code running now. */
+export const consoleInterrupt = (): { interrupt: true } => ({ interrupt: true });
+
+export const workspace = {
+  /** Asks for the exact text of a value for the cell editor; the answer carries `id` back. */
+  editText: (name: string, id: number): { get: 'editText'; name: string; id: number } => ({
+    get: 'editText',
+    name,
+    id,
+  }),
+  /** Re-reads every variable, also one changed where no scan could see it. */
+  refresh: (): { do: 'refresh' } => ({ do: 'refresh' }),
+};
+
 export const columnsRequest = (): { get: 'columns' } => ({ get: 'columns' });

@@ -180,3 +180,44 @@ export function toRanges(rows: Iterable<number>): RowRange[] {
 export function inRanges(ranges: readonly RowRange[], row: number): boolean {
   return ranges.some((r) => row >= r.start && row <= r.end);
 }
+
+/** What console code wrote: the whole text, whether it raised, and the text by stream. */
+export interface ConsoleReply {
+  output: string;
+  error: boolean;
+  /** Host notices (a refused rename) as opposed to the answer to a command. */
+  notice: boolean;
+  runs: { stream: 'stdout' | 'stderr'; text: string }[];
+}
+
+export function readConsoleReply(message: unknown): ConsoleReply | null {
+  if (!isObject(message) || typeof message.output !== 'string') return null;
+  const error = message.error === true;
+  const runs: ConsoleReply['runs'] = [];
+  if (Array.isArray(message.runs)) {
+    for (const run of message.runs) {
+      if (isObject(run) && typeof run.text === 'string' && (run.stream === 'stdout' || run.stream === 'stderr'))
+        runs.push({ stream: run.stream, text: run.text });
+    }
+  }
+  // An older server sends the text alone: all of it goes where its outcome says.
+  if (runs.length === 0 && message.output !== '')
+    runs.push({ stream: error ? 'stderr' : 'stdout', text: message.output });
+  return { output: message.output, error, notice: message.notice === true, runs };
+}
+
+/** The full text of a value for the cell editor, or why it cannot be edited in place. */
+export type EditText =
+  | { id: number; name: string; editable: true; text: string }
+  | { id: number; name: string; editable: false; reason: string };
+
+export function readEditText(message: unknown): EditText | null {
+  if (!isObject(message) || message.answer !== 'editText') return null;
+  const id = int(message.id);
+  if (id === null || typeof message.name !== 'string') return null;
+  if (message.editable === true && typeof message.text === 'string')
+    return { id, name: message.name, editable: true, text: message.text };
+  if (message.editable === false && typeof message.reason === 'string')
+    return { id, name: message.name, editable: false, reason: message.reason };
+  return null;
+}
