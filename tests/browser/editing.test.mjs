@@ -140,3 +140,78 @@ test('variable texts that look like markup are shown as text', async () => {
   assert.equal(await page.evaluate(() => window.__pwned), undefined);
   assert.deepEqual(grid.problems, []);
 });
+
+// The cell editor of a variable's Value, once it holds the host's text (it starts read-only).
+async function openValueEditor(name) {
+  const { page } = grid;
+  const row = await rowOf(page, name);
+  await cell(page, row.index, 'Value').dblclick();
+  const editor = page.locator('#grid .wsb-cell-editor');
+  await editor.waitFor();
+  await eventually(async () => assert.equal(await editor.getAttribute('readonly'), null));
+  return editor;
+}
+
+test('a value edited from its whole text, or not at all, loses nothing', async () => {
+  const { page, frames } = grid;
+  await runCode(page, "import numpy as np\nlong_text = 'x' * 136\nitems = list(range(100))\n" +
+    'small = np.array([-3, -1, 0, 2, 7], dtype=np.int8)');
+  const edits = () => frames.sentOn('_who').filter((m) => m.eventType === 12).length;
+  const before = edits();
+
+  // The grid shows shortened texts; the editor starts from the whole one, and committing it
+  // unchanged sends nothing.
+  for (const name of ['long_text', 'items']) {
+    const editor = await openValueEditor(name);
+    assert.ok((await editor.inputValue()).length > 100, `${name} starts from its whole text`);
+    await editor.press('Enter');
+  }
+  // Escape and clicking elsewhere cancel what was typed.
+  let editor = await openValueEditor('items');
+  await editor.fill('[]');
+  await editor.press('Escape');
+  editor = await openValueEditor('items');
+  await editor.fill('[]');
+  await page.locator('#output').click();
+  await editor.waitFor({ state: 'detached' });
+  assert.equal(edits(), before);
+  assert.equal(await echo('len(long_text), len(items), items[-1]'), '(136, 100, 99)');
+
+  // An array edited in its text keeps its dtype.
+  editor = await openValueEditor('small');
+  const text = await editor.inputValue();
+  assert.match(text, /int8/);
+  await editor.fill(text.replace('7', '8'));
+  await editor.press('Enter');
+  await eventually(async () => assert.equal(await echo('small.dtype.name, int(small[-1])'), "('int8', 8)"));
+  assert.deepEqual(grid.problems, []);
+});
+
+test('the console is busy while code runs, Ctrl+C interrupts it, and its history and streams work', async () => {
+  const { page } = grid;
+  const section = page.getByRole('region', { name: 'Command window' });
+  const command = page.getByRole('textbox', { name: 'Command' });
+  const replies = page.locator('#output .wsb-output');
+  const count = await replies.count();
+  await command.fill('while True: pass');
+  await command.press('Enter');
+  await eventually(async () => assert.equal(await section.getAttribute('aria-busy'), 'true'));
+  await command.press('Control+c');
+  await replies.nth(count).waitFor({ state: 'attached' });
+  assert.match(await replies.nth(count).textContent(), /KeyboardInterrupt/);
+  assert.equal(await section.getAttribute('aria-busy'), 'false');
+
+  await command.press('ArrowUp');
+  assert.equal(await command.inputValue(), 'while True: pass');
+  await command.press('ArrowDown');
+  assert.equal(await command.inputValue(), '');
+
+  await runCode(page, "import sys\nprint('to stdout')\n_ = sys.stderr.write('to stderr\\n')");
+  const last = replies.last();
+  const color = (selector) => last.locator(selector).evaluate((e) => getComputedStyle(e).color);
+  assert.equal(await last.locator('.wsb-stderr').textContent(), 'to stderr\n');
+  assert.equal(await last.locator('.wsb-stdout').textContent(), 'to stdout\n');
+  assert.notEqual(await color('.wsb-stderr'), await color('.wsb-stdout'));
+  assert.equal(await color('.wsb-stderr'), 'rgb(179, 38, 30)');
+  assert.deepEqual(grid.problems, []);
+});
