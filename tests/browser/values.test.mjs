@@ -1,0 +1,74 @@
+// Values a user can trust: what console code changes in place shows in the grid, Refresh reads
+// again what no scan could see, and one slow object never holds up the others.
+
+import assert from 'node:assert/strict';
+import { after, before, test } from 'node:test';
+
+import { closeAll, eventually, launchBrowser, openGrid, rowOf, runCode } from './support/browser.mjs';
+import { startWsbrowser } from './support/wsbrowser.mjs';
+
+let server;
+let browser;
+let grid;
+
+before(async () => {
+  server = await startWsbrowser();
+  browser = await launchBrowser();
+  grid = await openGrid(browser, server.url);
+});
+
+after(async () => {
+  await closeAll(grid?.context, browser);
+  await server?.stop();
+});
+
+async function cellsOf(name, columns) {
+  const row = await rowOf(grid.page, name);
+  return columns.map((column) => row.cells[column]);
+}
+
+test('changes made in place by console code show in the grid', async () => {
+  const { page } = grid;
+  await runCode(page, 'import numpy as np, pandas as pd, collections\n' +
+    'big = np.zeros(100000)\nframe = pd.DataFrame({"a": [1, 2], "b": [3.5, 4.5]})\n' +
+    'queue = collections.deque([1])\nclass Box:\n    pass\nbox = Box()\nbox.content = 1');
+  await rowOf(page, 'box');
+  const before = await cellsOf('frame', ['Value']);
+  await runCode(page, 'big[5:10] = 99\nframe.loc[0, "a"] = 999\nqueue.append(2)\nbox.content = 2');
+  await eventually(async () => {
+    assert.deepEqual(await cellsOf('big', ['Max']), ['99']);
+    assert.notDeepEqual(await cellsOf('frame', ['Value']), before);
+    assert.deepEqual(await cellsOf('queue', ['Value']), ['deque([1, 2])']);
+  });
+  assert.deepEqual(grid.problems, []);
+});
+
+test('Refresh reads again what changed where no scan could see it', async () => {
+  const { page } = grid;
+  // A thread changes the list after the command has returned and its scan is over.
+  await runCode(page, 'import threading, time\nlate = [0]\n' +
+    'def change():\n    time.sleep(0.5)\n    late[0] = 5\n' +
+    'threading.Thread(target=change).start()');
+  assert.deepEqual(await cellsOf('late', ['Value']), ['[0]']);
+  await new Promise((resolve) => setTimeout(resolve, 1500));
+  assert.deepEqual(await cellsOf('late', ['Value']), ['[0]'], 'no scan ran since');
+  await page.getByRole('button', { name: 'Refresh' }).click();
+  await eventually(async () => assert.deepEqual(await cellsOf('late', ['Value']), ['[5]']));
+  assert.deepEqual(grid.problems, []);
+});
+
+test('a repr that takes ten seconds leaves the other rows painted and shows a placeholder', async () => {
+  const { page } = grid;
+  await runCode(page, 'import time\nclass Slow:\n    def __repr__(self):\n' +
+    '        time.sleep(10)\n        return "done"\nslow = Slow()\nbeside = 12345');
+  const started = Date.now();
+  await eventually(async () => {
+    assert.deepEqual(await cellsOf('beside', ['Value']), ['12345']);
+    assert.deepEqual(await cellsOf('slow', ['Value']), ['<Slow: repr timed out>']);
+  });
+  // Asserted loosely: the budget per variable is a quarter of a second.
+  assert.ok(Date.now() - started < 5000, `painted after ${Date.now() - started} ms`);
+  // The console answers at once again.
+  assert.equal((await runCode(page, '1 + 1')).text.trim(), '2');
+  assert.deepEqual(grid.problems, []);
+});
