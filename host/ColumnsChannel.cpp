@@ -28,12 +28,20 @@ bool isColumnsRequest(std::string_view text) {
 } // namespace
 
 ColumnsChannel::ColumnsChannel(const connector::message_service::MessageService::Ptr& service,
-                               const std::string& channel, std::vector<std::string> keys) {
-    foundation::json::Array list;
-    for (std::string& key : keys)
-        list.emplace_back(std::move(key));
-    const std::string answer = foundation::json::serialize(
-        foundation::json::Value(foundation::json::Object{{"columns", std::move(list)}}));
+                               const std::string& channel, std::vector<std::string> keys,
+                               Statistics statistics) {
+    namespace json = foundation::json;
+    const auto listOf = [](std::vector<std::string>& texts) {
+        json::Array list;
+        for (std::string& text : texts)
+            list.emplace_back(std::move(text));
+        return list;
+    };
+    json::Object stats{{"on", json::Value(statistics.on)},
+                       {"limit", json::Value(statistics.limit)},
+                       {"columns", json::Value(listOf(statistics.columns))}};
+    const std::string answer = json::serialize(json::Value(json::Object{
+        {"columns", json::Value(listOf(keys))}, {"statistics", json::Value(std::move(stats))}}));
     // The service owns the subscription's handler; a weak pointer keeps the two from holding
     // each other alive.
     std::weak_ptr<connector::message_service::MessageService> weakService = service;

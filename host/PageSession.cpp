@@ -68,8 +68,13 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
                          std::shared_ptr<WorkspaceHost> host, Options options)
     : mPageId(std::move(pageId)) {
     const auto columns = columnKeys();
-    mColumns =
-        std::make_unique<ColumnsChannel>(service, "/Columns/" + mPageId, keysAsText(columns));
+    ColumnsChannel::Statistics statistics{options.statsFlag, options.statsLimit, {}};
+    for (const WSColumn& column : WSColumn::all()) {
+        if (column.statistic)
+            statistics.columns.emplace_back(column.key);
+    }
+    mColumns = std::make_unique<ColumnsChannel>(service, "/Columns/" + mPageId, keysAsText(columns),
+                                                std::move(statistics));
     std::weak_ptr<WorkspaceHost> weakHost = host;
     mWorkspace = std::make_unique<WorkspaceChannel>(service, "/Workspace/" + mPageId, host);
     if (options.console)

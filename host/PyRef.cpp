@@ -8,9 +8,8 @@ std::string takeError() {
     PyObject* traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
     // "KeyboardInterrupt", "ValueError: bad value": the type says as much as the message.
-    std::string text = type && PyType_Check(type)
-                           ? reinterpret_cast<PyTypeObject*>(type)->tp_name
-                           : "unknown error";
+    std::string text = type && PyType_Check(type) ? reinterpret_cast<PyTypeObject*>(type)->tp_name
+                                                  : "unknown error";
     if (value && value != Py_None) {
         if (PyObject* str = PyObject_Str(value)) {
             if (const char* utf8 = PyUnicode_AsUTF8(str); utf8 && *utf8)

@@ -23,7 +23,6 @@ except Exception:  # the host still works without numpy, only without array text
 
 TIMES = "\u00d7"
 VALUE_CHARS = 80  # the longest value text; longer values become a summary or are cut
-ARRAY_TEXT_ELEMENTS = 100  # arrays with more elements are always summarised
 OUTPUT_CHARS = 1 << 20  # captured console output is cut after this many characters
 
 
@@ -33,12 +32,6 @@ class BudgetExceeded(BaseException):
 
 _HIDDEN_TYPES = (types.ModuleType, type, types.FunctionType, types.BuiltinFunctionType,
                  types.MethodType)
-
-_NUMPY_CLASS = {
-    "float64": "double", "float32": "single", "bool": "logical",
-    "int8": "int8", "int16": "int16", "int32": "int32", "int64": "int64",
-    "uint8": "uint8", "uint16": "uint16", "uint32": "uint32", "uint64": "uint64",
-}
 
 _STAT_FIELDS = ("Min", "Max", "Range", "Mean", "Median", "Mode", "Var", "Std")
 
@@ -108,18 +101,21 @@ def parts(value):
 
 
 # ----------------------------------------------------------------------------------------------
-# Display texts
+# Display texts: Python's own words. Class is the type's name (with the dtype for numpy and
+# pandas objects), Size the shape or the length, Value a repr shortened the way numpy and
+# reprlib shorten, statistics skip NaN as pandas does, and Bytes is the memory really held.
+
+ARRAY_EDGE_ITEMS = 3  # a summarised array shows this many items at each end
+ARRAY_THRESHOLD = 20  # arrays with more elements are summarised
+DEEP_SIZE_OBJECTS = 10000  # a container's deep size counts at most this many objects
+
 
 def format_number(x):
-    """One number as the grid shows it: 5 significant digits, NaN, Inf and -Inf spelled out."""
+    """One statistic as the grid shows it: 5 significant digits, NaN, Inf and -Inf spelled out."""
     if isinstance(x, bool) or (np is not None and isinstance(x, np.bool_)):
-        return "true" if x else "false"
+        return str(int(x))
     if isinstance(x, int) or (np is not None and isinstance(x, np.integer)):
         return str(int(x))
-    if isinstance(x, complex) or (np is not None and isinstance(x, np.complexfloating)):
-        re, im = float(x.real), float(x.imag)
-        sign = "-" if im < 0 or (im == 0 and math.copysign(1, im) < 0) else "+"
-        return format_number(re) + sign + format_number(abs(im)) + "i"
     f = float(x)
     if math.isnan(f):
         return "NaN"
@@ -134,55 +130,70 @@ def _is_scalar_number(value):
     return np is not None and isinstance(value, np.generic) and value.dtype.kind in "biufc"
 
 
+def _pandas_kind(value):
+    """"DataFrame", "Series", "Index" or None, without importing pandas."""
+    if not _is_pandas(value):
+        return None
+    for base in type(value).__mro__:
+        if base.__name__ in ("DataFrame", "Series", "Index"):
+            return base.__name__
+    return None
+
+
+def _times(shape):
+    return TIMES.join(str(int(n)) for n in shape)
+
+
 def _size_text(value):
     if np is not None and isinstance(value, np.ndarray):
-        shape = value.shape
-        if len(shape) == 0:
-            shape = (1, 1)
-        elif len(shape) == 1:
-            shape = (1, shape[0])
-        return TIMES.join(str(n) for n in shape)
-    if isinstance(value, dict) or value is None or _is_scalar_number(value):
+        return _times(value.shape) if value.ndim else "1" + TIMES + "1"
+    if _pandas_kind(value):
+        return _times(value.shape)
+    if value is None or _is_scalar_number(value):
         return "1" + TIMES + "1"
-    if isinstance(value, (str, bytes, list, tuple, set, frozenset)):
-        return "1" + TIMES + str(len(value))
+    if isinstance(value, (str, bytes, list, tuple, dict, set, frozenset)):
+        return str(len(value))
     if hasattr(type(value), "__len__"):
         try:
-            return "1" + TIMES + str(len(value))
+            return str(len(value))
         except BaseException:
             return "?"
     return "1" + TIMES + "1"
 
 
 def _class_text(value):
-    if np is not None and isinstance(value, (np.ndarray, np.generic)):
-        return _NUMPY_CLASS.get(value.dtype.name, value.dtype.name)
-    if isinstance(value, bool):
-        return "logical"
-    if isinstance(value, float):
-        return "double"
-    if isinstance(value, int):
-        return "int64" if -(1 << 63) <= value < (1 << 63) else "int"
-    if isinstance(value, str):
-        return "char"
-    if isinstance(value, (list, tuple)):
-        return "cell"
-    if isinstance(value, dict):
-        return "struct"
+    kind = _pandas_kind(value)
+    if kind == "DataFrame":
+        return "DataFrame"
+    if kind:
+        return "%s %s" % (kind, value.dtype)
+    if np is not None:
+        if isinstance(value, np.ndarray):
+            return "%s %s" % (_type_name(value), value.dtype.name)
+        if isinstance(value, np.generic):
+            return value.dtype.name
     return _type_name(value)
 
 
-def _icon_class(value, class_text):
-    if class_text == "logical":
-        return "wsb-icon-logical"
-    if class_text == "char":
-        return "wsb-icon-char"
-    if class_text == "cell":
-        return "wsb-icon-cell"
-    if class_text == "struct":
-        return "wsb-icon-struct"
-    if _is_scalar_number(value) or (
-            np is not None and isinstance(value, np.ndarray) and value.dtype.kind in "iufc"):
+_ICONS = (
+    (bool, "wsb-icon-bool"), (str, "wsb-icon-text"), (bytes, "wsb-icon-text"),
+    (bytearray, "wsb-icon-text"), (dict, "wsb-icon-mapping"), (list, "wsb-icon-sequence"),
+    (tuple, "wsb-icon-sequence"), (set, "wsb-icon-sequence"), (frozenset, "wsb-icon-sequence"),
+    (collections.deque, "wsb-icon-sequence"),
+)
+
+
+def _icon_class(value):
+    if _pandas_kind(value):
+        return "wsb-icon-table"
+    if np is not None and isinstance(value, np.ndarray):
+        return "wsb-icon-array"
+    if np is not None and isinstance(value, np.bool_):
+        return "wsb-icon-bool"
+    for kind, icon in _ICONS:
+        if isinstance(value, kind):
+            return icon
+    if _is_scalar_number(value):
         return "wsb-icon-numeric"
     if issubclass(type(value), _HIDDEN_TYPES):
         return "wsb-icon-code"
@@ -196,20 +207,31 @@ def _cut(text):
     return text[: VALUE_CHARS - 3] + "...", True
 
 
-def _array_value(a, size_text, class_text):
-    a = np.asarray(a)  # subclasses such as matrices iterate oddly
-    summary = size_text + " " + class_text
-    if a.size == 0:
-        return "[]", False
-    if a.ndim == 0:
-        return format_number(a.item()), False
-    if a.ndim > 2 or a.size > ARRAY_TEXT_ELEMENTS or a.dtype.kind not in "biufc":
-        return summary, True
-    rows = [a] if a.ndim == 1 else list(a)
-    text = "[" + "; ".join(" ".join(format_number(x) for x in row) for row in rows) + "]"
-    if len(text) > VALUE_CHARS:
-        return summary, True
-    return text, False
+def _one_line(text):
+    return " ".join(text.split())
+
+
+def _array_value(a):
+    """numpy's own text of an array, summarised past ARRAY_THRESHOLD elements; masked
+    elements show as --."""
+    with np.printoptions(threshold=ARRAY_THRESHOLD, edgeitems=ARRAY_EDGE_ITEMS,
+                         linewidth=10 ** 6):
+        text = _one_line(str(a))
+    text, cut = _cut(text)
+    return text, cut or a.size > ARRAY_THRESHOLD
+
+
+def _columns_text(names):
+    return ", ".join(str(name) for name in names)
+
+
+def _pandas_value(value, kind):
+    if kind == "DataFrame":
+        return _cut("DataFrame %s: %s" % (_times(value.shape), _columns_text(value.columns)))[0], True
+    head = value[:ARRAY_EDGE_ITEMS * 2] if len(value) > ARRAY_EDGE_ITEMS * 2 else value
+    items = ", ".join(_one_line(str(item)) for item in list(head))
+    more = ", ..." if len(value) > len(head) else ""
+    return _cut("%s %d: [%s%s]" % (kind, len(value), items, more))[0], True
 
 
 def _placeholder(value, error):
@@ -218,70 +240,137 @@ def _placeholder(value, error):
     return "<" + _type_name(value) + ": " + reason + ">"
 
 
-def _value_text(value, size_text, class_text):
+def _value_text(value):
     """(text, is_summary) of the Value column."""
-    if np is not None and isinstance(value, np.ndarray):
-        return _array_value(value, size_text, class_text)
-    if _is_scalar_number(value):
-        return format_number(value), False
     try:
+        if np is not None and isinstance(value, np.ndarray):
+            return _array_value(value)
+        kind = _pandas_kind(value)
+        if kind:
+            return _pandas_value(value, kind)
+        if np is not None and isinstance(value, np.generic):
+            return _cut(str(value))
         if isinstance(value, (str, bytes, list, tuple, dict, set, frozenset)):
             text = _short.repr(value)
-            # reprlib marks what it left out with "..."; such a text cannot be edited back.
-            elided = "..." in text
-            if len(text) > VALUE_CHARS:
-                return size_text + " " + class_text, True
-            return text, elided
+            # reprlib marks what it left out with "...": such a text is not the whole value.
+            cut_text, cut = _cut(text)
+            return cut_text, cut or "..." in text
         text = repr(value)
         if not isinstance(text, str):
             raise TypeError("repr did not return a string")
-        text, cut = _cut(text)
-        return text, cut
+        return _cut(_one_line(text) if "\n" in text else text)
     except BaseException as error:
         return _placeholder(value, error), True
 
 
-def _numeric_array(value):
+def _numbers(value, limit):
+    """The values statistics are computed over, as a flat float or integer array, or None.
+    Complex values count by their magnitude; NaN stays in (the statistics skip it)."""
     if np is None:
         return None
-    if isinstance(value, np.ndarray):
-        array = value
-    elif _is_scalar_number(value) and not isinstance(value, complex):
-        array = np.asarray(value)
+    kind = _pandas_kind(value)
+    if kind == "DataFrame":
+        numeric = value.select_dtypes(include="number")
+        if numeric.shape[1] == 0 or numeric.size > limit:
+            return None
+        array = numeric.to_numpy(dtype=np.float64).reshape(-1)
+    elif kind == "Series":
+        if value.size > limit or value.dtype.kind not in "biufc":
+            return None
+        array = value.to_numpy()
+    elif isinstance(value, np.ma.MaskedArray):
+        if value.size > limit or value.dtype.kind not in "biufc":
+            return None
+        array = value.compressed()
+    elif isinstance(value, np.ndarray):
+        if value.size > limit or value.dtype.kind not in "biufc":
+            return None
+        array = value.reshape(-1)
+    elif isinstance(value, (list, tuple)):
+        if not value or len(value) > limit or not all(
+                type(x) in (int, float, bool) for x in value):
+            return None
+        array = np.asarray(value, dtype=np.float64 if any(
+            type(x) is float for x in value) else np.int64)
+    elif _is_scalar_number(value):
+        array = np.asarray([value])
     else:
         return None
-    if array.dtype.kind not in "biuf":
-        return None
-    return array
+    if array.dtype.kind == "c":
+        array = np.abs(array)
+    elif array.dtype.kind == "b":
+        array = array.astype(np.uint8)
+    return array if array.size else None
 
 
 def _statistics(value, limit):
     """The statistics texts, or None when they do not apply."""
-    array = _numeric_array(value)
-    if array is None or array.size == 0 or array.size > limit:
+    array = _numbers(value, limit)
+    if array is None:
         return None
     with np.errstate(all="ignore"), warnings.catch_warnings():
         warnings.simplefilter("ignore")
-        flat = array.reshape(-1)
-        if flat.dtype.kind == "b":
-            flat = flat.astype(np.uint8)
-        low, high = flat.min().item(), flat.max().item()
+        if array.dtype.kind == "f":
+            present = array[~np.isnan(array)]
+        else:
+            present = array
+        if present.size == 0:
+            return dict.fromkeys(_STAT_FIELDS, "NaN")
+        low, high = present.min().item(), present.max().item()
         span = high - low  # Python arithmetic: no overflow for integer types
-        as_float = flat.astype(np.float64)
+        as_float = present.astype(np.float64)
         mean = as_float.mean()
         median = np.median(as_float)
-        values, counts = np.unique(flat, return_counts=True)
+        values, counts = np.unique(present, return_counts=True)
         mode = values[int(np.argmax(counts))].item()  # ties: the smallest value
-        var = as_float.var(ddof=1) if flat.size > 1 else 0.0
-        std = math.sqrt(var) if var >= 0 or math.isnan(var) else float("nan")
+        var = as_float.var(ddof=1) if present.size > 1 else float("nan")
+        std = math.sqrt(var) if var >= 0 else float("nan")
     texts = [low, high, span, mean, median, mode, var, std]
     return dict(zip(_STAT_FIELDS, (format_number(t) for t in texts)))
 
 
+def _array_bytes(a):
+    # An array that owns its buffer holds all of it; a view holds none of its own, and shows
+    # the bytes of its base that it spans (a broadcast view of one element spans 8 bytes, not
+    # the gigabytes its shape suggests).
+    if a.flags.owndata:
+        return a.nbytes
+    if a.size == 0:
+        return 0
+    return a.itemsize + sum((n - 1) * abs(stride) for n, stride in zip(a.shape, a.strides))
+
+
+def _deep_size(value):
+    """sys.getsizeof of a container and everything in it, each object once, stopping after
+    DEEP_SIZE_OBJECTS objects."""
+    seen = set()
+    pending = [value]
+    total = 0
+    while pending and len(seen) < DEEP_SIZE_OBJECTS:
+        item = pending.pop()
+        if id(item) in seen:
+            continue
+        seen.add(id(item))
+        total += sys.getsizeof(item)  # an array counts its buffer only when it owns it
+        kind = type(item)
+        if kind is dict:
+            pending.extend(item.keys())
+            pending.extend(item.values())
+        elif kind in (list, tuple, set, frozenset, collections.deque):
+            pending.extend(item)
+    return total
+
+
 def _bytes_text(value):
-    if np is not None and isinstance(value, np.ndarray):
-        return str(value.nbytes)
     try:
+        if np is not None and isinstance(value, np.ndarray):
+            return str(_array_bytes(value))
+        kind = _pandas_kind(value)
+        if kind in ("DataFrame", "Series"):
+            usage = value.memory_usage(index=True, deep=False)
+            return str(int(usage.sum() if kind == "DataFrame" else usage))
+        if type(value) in (list, tuple, dict, set, frozenset, collections.deque):
+            return str(_deep_size(value))
         return str(sys.getsizeof(value))
     except BaseException:
         return ""
@@ -295,12 +384,10 @@ def describe(ns, name, fields, compute_stats, limit, show_all):
     if name not in ns or not is_shown(name, ns[name], show_all):
         return {"Name": name, "isDirty": True}
     value = ns[name]
-    class_text = _class_text(value)
-    record = {"Name": name, "Size": _size_text(value), "Class": class_text,
-              "isSummary": False, "isDirty": False,
-              "iconClass": _icon_class(value, class_text)}
+    record = {"Name": name, "Size": _size_text(value), "Class": _class_text(value),
+              "isSummary": False, "isDirty": False, "iconClass": _icon_class(value)}
     if "Value" in fields:
-        record["Value"], record["isSummary"] = _value_text(value, record["Size"], class_text)
+        record["Value"], record["isSummary"] = _value_text(value)
     if compute_stats and any(f in fields for f in _STAT_FIELDS):
         try:
             record.update(_statistics(value, limit) or {})

@@ -16,7 +16,7 @@ constexpr std::array<WSColumn, 13> kColumns = {{
      "ZENTRA:codetools:variableeditor:Value"},
     {"Size", &WSVariable::size, Order::numeric, false, false, 90,
      "ZENTRA:codetools:variableeditor:Size"},
-    {"Class", &WSVariable::className, Order::text, false, false, 90,
+    {"Class", &WSVariable::className, Order::text, false, false, 130,
      "ZENTRA:codetools:variableeditor:Class"},
     {"Min", &WSVariable::min, Order::numeric, false, true, 80,
      "ZENTRA:codetools:variableeditor:Min"},

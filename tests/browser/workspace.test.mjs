@@ -21,8 +21,8 @@ import { repoRoot, startWsbrowser } from './support/wsbrowser.mjs';
 
 const COLUMNS = ['Name', 'Value', 'Size', 'Class', 'Min', 'Max', 'Range', 'Mean', 'Median',
   'Mode', 'Var', 'Std', 'Bytes'];
-const NAMES = ['answer', 'flag', 'greeting', 'grid', 'mask', 'nothing', 'odd', 'ratio',
-  'settings', 'small_ints', 'things'];
+const NAMES = ['answer', 'flag', 'greeting', 'grid', 'mask', 'nothing', 'odd', 'prices', 'ratio',
+  'settings', 'small_ints', 'things', 'waves'];
 
 let server;
 let browser;
@@ -96,9 +96,9 @@ test('shows the example workspace with the texts the host computed', async () =>
 
     assert.deepEqual(byName.grid.cells, {
       Name: 'grid',
-      Value: '[0 0.25 0.5 0.75; 1 1.25 1.5 1.75; 2 2.25 2.5 2.75]',
+      Value: '[[0. 0.25 0.5 0.75] [1. 1.25 1.5 1.75] [2. 2.25 2.5 2.75]]',
       Size: '3\u00d74',
-      Class: 'double',
+      Class: 'ndarray float64',
       Min: '0',
       Max: '2.75',
       Range: '2.75',
@@ -109,26 +109,32 @@ test('shows the example workspace with the texts the host computed', async () =>
       Std: '0.90139',
       Bytes: '96',
     });
-    assert.deepEqual(
-      [byName.small_ints.cells.Value, byName.small_ints.cells.Class, byName.small_ints.cells.Var,
-        byName.small_ints.cells.Std, byName.small_ints.cells.Mode],
-      ['[-3 -1 0 2 7]', 'int8', '14.5', '3.8079', '-3'],
-    );
-    assert.deepEqual(
-      [byName.odd.cells.Value, byName.odd.cells.Min, byName.odd.cells.Mode],
-      ['[1 NaN Inf -Inf 2.5]', 'NaN', '-Inf'],
-    );
-    assert.deepEqual(
-      [byName.greeting.cells.Value, byName.greeting.cells.Size, byName.greeting.cells.Class,
-        byName.greeting.cells.Mean],
-      ["'Hello, workspace'", '1\u00d716', 'char', ''],
-    );
-    assert.deepEqual(
-      [byName.nothing.cells.Value, byName.nothing.cells.Size, byName.nothing.cells.Min],
-      ['[]', '1\u00d70', ''],
-    );
-    assert.equal(byName.settings.cells.Value, "{'mode': 'fast', 'retries': 3, 'scale': 1.5}");
-    assert.equal(byName.flag.cells.Value, 'true');
+    // Python's words for Class, Size and Value; statistics skip NaN as pandas does.
+    const texts = (name, ...columns) => columns.map((column) => byName[name].cells[column]);
+    const expected = {
+      small_ints: [['Value', 'Size', 'Class', 'Var', 'Mode'], ['[-3 -1 0 2 7]', '5', 'ndarray int8', '14.5', '-3']],
+      odd: [['Value', 'Min', 'Median'], ['[ 1. nan inf -inf 2.5]', '-Inf', '1.75']],
+      prices: [['Value', 'Size', 'Class', 'Min', 'Max', 'Mean'],
+        ['DataFrame 5\u00d73: day, close, ticker', '5\u00d73', 'DataFrame', '1', '11.25', '6.4167']],
+      waves: [['Class', 'Min', 'Max'], ['ndarray complex128', '1', '5']],
+      greeting: [['Value', 'Size', 'Class', 'Mean'], ["'Hello, workspace'", '16', 'str', '']],
+      nothing: [['Value', 'Size', 'Min'], ['[]', '0', '']],
+      settings: [['Value', 'Class'], ["{'mode': 'fast', 'retries': 3, 'scale': 1.5}", 'dict']],
+      things: [['Size', 'Class'], ['4', 'list']],
+      flag: [['Value', 'Class'], ['True', 'bool']],
+      answer: [['Value', 'Size', 'Class'], ['42', '1\u00d71', 'int']],
+      ratio: [['Value', 'Class'], ['0.618034', 'float']],
+    };
+    for (const [name, [columns, values]] of Object.entries(expected))
+      assert.deepEqual(texts(name, ...columns), values, name);
+
+    // A blank statistic says why; those of complex values say they are of the magnitude.
+    const title = (name, column) => page
+      .locator(`#grid .ag-row[row-index="${byName[name].index}"] .ag-cell[col-id="${column}"] span`)
+      .getAttribute('title');
+    assert.equal(await title('greeting', 'Mean'), 'Not computed: a str is not numeric');
+    assert.match(await title('waves', 'Max'), /magnitude/);
+    assert.equal(await title('grid', 'Max'), null);
 
     // Each name carries an icon for its kind; arrays of numbers and texts differ.
     assert.ok(byName.grid.iconClass, 'the name has a class icon');
@@ -209,7 +215,7 @@ test('a selection made with Ctrl and Shift reaches the server and follows the na
     );
     assert.deepEqual(
       rowsOfRanges(JSON.parse(reported.at(-1).propertyValue.selectedRows)).sort((a, b) => a - b),
-      [1, 2, 3, 9],
+      [1, 2, 3, 10],
     );
     assert.deepEqual(
       (await page.evaluate(() => window.wsbrowser.selectedNames())).sort(),
@@ -230,7 +236,7 @@ test('a selection made with Ctrl and Shift reaches the server and follows the na
       assert.deepEqual(rowsOfRanges(answer.selectedRows).map((r) => rows[r].name).sort(), chosen);
       return rowsOfRanges(answer.selectedRows);
     });
-    assert.notDeepEqual(moved.sort((a, b) => a - b), [1, 2, 3, 9]);
+    assert.notDeepEqual(moved.sort((a, b) => a - b), [1, 2, 3, 10]);
     await eventually(async () => {
       assert.deepEqual(
         (await gridRows(page)).filter((r) => r.selected).map((r) => r.name).sort(),
@@ -270,7 +276,7 @@ test('two pages keep their own order and selection', async () => {
       const rows = await allRows(first.page);
       const classes = rows.map((r) => r.cells.Class);
       assert.notDeepEqual(namesOf(rows), NAMES);
-      assert.equal(classes[0], 'struct');
+      assert.equal(classes[0], 'str');
     });
     // The second page still shows the names in order, and the first page's server never
     // spoke of the second page's selection.

@@ -98,9 +98,9 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
     grid.range(11, 0, 1, 0, 12);
     const auto page = grid.waitFor(described);
     EXPECT_EQ(GridClient::column(page, 0), (Names{"m", "s"}));
-    EXPECT_EQ(GridClient::column(page, 1)[0], "[0 1 2 3; 4 5 6 7; 8 9 10 11]");
+    EXPECT_EQ(GridClient::column(page, 1)[0], "[[ 0. 1. 2. 3.] [ 4. 5. 6. 7.] [ 8. 9. 10. 11.]]");
     EXPECT_EQ(GridClient::column(page, 2)[0], "3" + kTimes + "4");
-    EXPECT_EQ(GridClient::column(page, 3), (Names{"double", "char"}));
+    EXPECT_EQ(GridClient::column(page, 3), (Names{"ndarray float64", "str"}));
     EXPECT_EQ(GridClient::column(page, 7)[0], "5.5"); // mean
 
     // The page learns which key each column position holds; anything else goes unanswered.
@@ -108,7 +108,8 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
     rig.service->publishFromClient("/Columns/p1", R"({"get":"rows"})");
     EXPECT_EQ(columns.send(R"({"get":"columns"})").text,
               R"({"columns":["Name","Value","Size","Class","Min","Max","Range","Mean","Median",)"
-              R"("Mode","Var","Std","Bytes"]})");
+              R"("Mode","Var","Std","Bytes"],"statistics":{"columns":["Min","Max","Range","Mean",)"
+              R"("Median","Mode","Var","Std"],"limit":100000,"on":true}})");
     EXPECT_EQ(columns.count(), 1U);
 
     // The cell editor gets a value's whole text; a refresh reads every variable again.

@@ -8,7 +8,10 @@
 
 #include <signal.h>
 #include <spawn.h>
+
+#include <chrono>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include <cstdio>
@@ -112,9 +115,16 @@ TEST(Wsbrowser, ServesTheExampleWorkspaceToAWebSocketPage) {
     page.subscribe(paging);
     page.subscribe(console);
 
+    // The address is printed before the script runs: ask until its variables are there.
     const auto isSize = [](const json::object& m) { return m.at("eventType") == 1; };
-    page.publish(paging, R"({"eventType":13})");
-    const json::object size = awaitMessage(page, paging, isSize);
+    json::object size;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        page.publish(paging, R"({"eventType":13})");
+        size = awaitMessage(page, paging, isSize);
+        if (size.at("rowCount").to_number<int>() > 5)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
     const auto rows = size.at("rowCount").to_number<int>();
     EXPECT_GT(rows, 5);
     EXPECT_EQ(size.at("columnCount"), 13);

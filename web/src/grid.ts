@@ -28,7 +28,8 @@ import {
 import { CellTextEditor, EditTextRequests, type EditorContext } from './editor';
 import { workspace } from './messages';
 import { PagingState, type Block, type PagingSender, type PagingView, type SortState } from './paging';
-import { inRanges, type ColumnInfo, type Row, type RowRange } from './protocol';
+import { inRanges, readStatistics, type ColumnInfo, type Row, type RowRange } from './protocol';
+import { statsNote, type StatisticsSettings } from './statsNote';
 
 ModuleRegistry.registerModules([
   InfiniteRowModelModule,
@@ -85,6 +86,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   private applyingSelection = false;
   private firstRowsAt: number | null = null;
   private readonly editTexts = new EditTextRequests();
+  private statistics: StatisticsSettings | null = null;
   private readonly editorContext: EditorContext;
 
   constructor(
@@ -169,6 +171,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   }
 
   onColumnKeys(message: unknown): void {
+    this.statistics = readStatistics(message);
     this.state.onColumnKeys(message);
   }
 
@@ -222,7 +225,8 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
       cellEditorParams: { texts: this.editorContext, fetchText: column.key === 'Value' },
       valueGetter: (params) => params.data?.[column.key]?.value ?? '',
       valueSetter: (params) => this.edit(column, params),
-      cellRenderer: column.key === 'Name' ? nameCell : undefined,
+      cellRenderer:
+        column.key === 'Name' ? nameCell : this.statistics?.columns.includes(column.key) ? this.statCell : undefined,
       cellClass: `wsb-col-${column.key.toLowerCase()}`,
     }));
     this.api.setGridOption('columnDefs', defs);
@@ -272,6 +276,19 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
     };
     requestAnimationFrame(check);
   }
+
+  /** A statistic with a tooltip that says why it is blank, or that it is of magnitudes. */
+  private readonly statCell = (params: ICellRendererParams<Row>): HTMLElement => {
+    const text = document.createElement('span');
+    text.textContent = String(params.value ?? '');
+    const row = params.data;
+    const note =
+      row && this.statistics
+        ? statsNote({ Class: row.Class?.value, Size: row.Size?.value, Min: row.Min?.value }, this.statistics)
+        : null;
+    if (note) text.title = note;
+    return text;
+  };
 
   private edit(column: ColumnInfo, params: ValueSetterParams<Row>): boolean {
     const row = params.node?.rowIndex;

@@ -2,6 +2,8 @@
 // into them. Every reader here returns null (or skips an element) instead of throwing, so a
 // malformed message can be logged and dropped without disturbing the page.
 
+import type { StatisticsSettings } from './statsNote';
+
 /** Codes of the requests the page sends on its paging channel. */
 export const Request = {
   setViewport: 10,
@@ -220,4 +222,13 @@ export function readEditText(message: unknown): EditText | null {
   if (message.editable === false && typeof message.reason === 'string')
     return { id, name: message.name, editable: false, reason: message.reason };
   return null;
+}
+
+/** When and for which columns the host computes statistics (the columns channel says). */
+export function readStatistics(message: unknown): StatisticsSettings | null {
+  if (!isObject(message) || !isObject(message.statistics)) return null;
+  const { on, limit, columns } = message.statistics;
+  if (typeof on !== 'boolean' || typeof limit !== 'number' || !Array.isArray(columns)) return null;
+  if (!columns.every((c): c is string => typeof c === 'string')) return null;
+  return { on, limit, columns };
 }
