@@ -25,7 +25,7 @@ long number(const std::string& option, const std::string& text, long low, long h
 std::string HostOptions::usage() {
     return "usage: wsbrowser [--port N] [--address ADDR] [--max-connections N] [--static DIR]\n"
            "                 [--log-level N] [--log-filter PREFIX] [--show-all] [--watch]\n"
-           "                 [--no-console] [--help] [script.py ...]";
+           "                 [--stats-limit N] [--no-console] [--help] [script.py ...]";
 }
 
 std::string HostOptions::helpText() {
@@ -44,9 +44,11 @@ options:
   --log-level N          how much the log on standard error says: 0 nothing, 1 errors,
                          2 warnings too (default), 3 information, 4 and 5 more detail, up to 9
   --log-filter PREFIX    log only loggers whose name starts with PREFIX
+  --stats-limit N        statistics (Min ... Std) for values of at most N elements
+                         (default 100000); 0 switches them off
   --show-all             also show modules, functions, classes and names starting with "_"
-  --watch                print each page's requests and answers on standard output
-  --no-console           no console in this terminal (the page's console still works)
+  --watch                print the names each change adds, changes, deletes or clears
+  --no-console           no Python prompt in this terminal and no console in the page
   -h, --help             print this help and exit
   script.py ...          scripts to run first, in order, as __main__ (after "--", every
                          argument is a script)
@@ -113,6 +115,8 @@ HostOptions HostOptions::parse(const std::vector<std::string>& arguments,
             options.logLevel = static_cast<int>(number(argument, takeValue(), 0, 9));
         } else if (argument == "--log-filter") {
             options.logFilter = takeValue();
+        } else if (argument == "--stats-limit") {
+            options.statsLimit = number(argument, takeValue(), 0, 2000000000);
         } else if (argument == "--show-all") {
             noValue();
             options.showAll = true;

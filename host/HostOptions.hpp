@@ -16,6 +16,7 @@ struct HostOptions {
     std::filesystem::path staticRoot;
     int logLevel = 2; // warnings and errors
     std::string logFilter;
+    long statsLimit = 100000; // 0: no statistics
     bool showAll = false;
     bool watch = false;
     bool console = true;

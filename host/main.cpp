@@ -106,6 +106,8 @@ int run(const wsbrowser::HostOptions& options) {
     const bool terminal = options.console && ::isatty(STDIN_FILENO);
     BrowserApp::Options appOptions;
     appOptions.page.console = options.console;
+    appOptions.page.statsFlag = options.statsLimit > 0;
+    appOptions.page.statsLimit = static_cast<double>(options.statsLimit);
     appOptions.watch = options.watch;
     appOptions.watchSink = [](const std::string& line) {
         std::printf("[watch] %s\n", line.c_str());

@@ -197,6 +197,8 @@ TEST(BrowserApp, DescribesWatchedChangesAndParsesTheCommandLine) {
     EXPECT_EQ(options.address, "0.0.0.0");
     EXPECT_EQ(options.maxConnections, 8u);
     EXPECT_EQ(HostOptions::parse({}, "").maxConnections, 256u);
+    EXPECT_EQ(HostOptions::parse({"--stats-limit", "0"}, "").statsLimit, 0);
+    EXPECT_THROW(HostOptions::parse({"--stats-limit", "-1"}, ""), std::invalid_argument);
     EXPECT_EQ(options.staticRoot, "/web");
     EXPECT_EQ(options.logLevel, 4);
     EXPECT_EQ(options.logFilter, "zentra::");
