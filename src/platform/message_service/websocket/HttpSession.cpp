@@ -136,7 +136,7 @@ void HttpSession::upgrade(Request&& request) {
     mEnded = true;
     mCore.httpSessionEnded(mId);
     mStream.expires_never();
-    auto connection = std::make_shared<WsConnection>(mCore, std::move(mStream), mCore.nextId());
+    auto connection = std::make_shared<WsConnection>(mCore, std::move(mStream), mCore.newPageId());
     mCore.connectionStarted(connection);
     connection->accept(std::move(request));
 }

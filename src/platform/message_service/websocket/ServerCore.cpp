@@ -224,7 +224,7 @@ void ServerCore::onAccepted(boost::system::error_code ec, tcp::socket socket) {
     } else {
         // Frames are small and interactive; waiting to coalesce them only adds latency.
         socket.set_option(tcp::no_delay(true), ignored);
-        const std::uint64_t id = nextId();
+        const std::uint64_t id = nextSessionId();
         auto session = std::make_shared<HttpSession>(*this, std::move(socket), id);
         mHttpSessions.emplace(id, session);
         session->start();
@@ -279,8 +279,7 @@ void ServerCore::endShutdownIfIdle() {
         mShutdownDeadline.cancel();
 }
 
-std::string ServerCore::openPage() {
-    std::string pageId = "page-" + std::to_string(++mLastPage);
+void ServerCore::openPage(const std::string& pageId) {
     WSB_LOG(serviceLogger(), foundation::log::kInfo) << "Page " << pageId << " connected";
     PageHandler handler;
     {
@@ -289,16 +288,15 @@ std::string ServerCore::openPage() {
     }
     if (handler)
         mDelivery.post(pageId, [handler = std::move(handler), pageId] { handler(pageId); });
-    return pageId;
 }
 
 void ServerCore::connectionStarted(const std::shared_ptr<WsConnection>& connection) {
-    mConnections.emplace(connection->id(), connection);
+    mConnections.emplace(connection->pageId(), connection);
 }
 
-void ServerCore::connectionEnded(std::uint64_t id, const std::string& pageId) {
-    mConnections.erase(id);
-    if (!pageId.empty()) {
+void ServerCore::connectionEnded(const std::string& pageId, bool wasOpen) {
+    mConnections.erase(pageId);
+    if (wasOpen) {
         WSB_LOG(serviceLogger(), foundation::log::kInfo) << "Page " << pageId << " disconnected";
         PageHandler handler;
         {

@@ -60,10 +60,12 @@ public:
     const WebSocketServerOptions& options() const { return mOptions; }
     // The canonical static root; empty when no files are served.
     const std::filesystem::path& staticRoot() const { return mStaticRoot; }
-    // I/O thread: the WebSocket handshake of a connection succeeded; returns its page id.
-    std::string openPage();
-    // I/O thread: a connection is over; `pageId` is empty when it never became a page.
-    void connectionEnded(std::uint64_t id, const std::string& pageId);
+    // I/O thread: the id of a new WebSocket connection, "page-N", unique for the service's life.
+    std::string newPageId() { return "page-" + std::to_string(++mLastPage); }
+    // I/O thread: the WebSocket handshake of a connection succeeded: its page is announced.
+    void openPage(const std::string& pageId);
+    // I/O thread: a connection is over; `wasOpen` when its page had been announced.
+    void connectionEnded(const std::string& pageId, bool wasOpen);
     // I/O thread: an HTTP session is over (closed, failed or upgraded).
     void httpSessionEnded(std::uint64_t id);
     // I/O thread: an HTTP session upgrades to this WebSocket connection.
@@ -72,7 +74,8 @@ public:
     // hears back once it has been delivered.
     void deliverFromPage(std::string channel, std::string message,
                          const std::shared_ptr<WsConnection>& from);
-    std::uint64_t nextId() { return ++mLastId; }
+    // I/O thread: the number of a new HTTP session (a request exchange, not yet a page).
+    std::uint64_t nextSessionId() { return ++mLastSession; }
     // I/O thread: a warning that a client can provoke at will (a refusal, a failing accept);
     // repeats of the same text are held back for a while and counted.
     void warnThrottled(const std::string& text) { mWarnings.write(text); }
@@ -112,14 +115,14 @@ private:
     std::filesystem::path mStaticRoot;
 
     // I/O thread only.
-    std::uint64_t mLastId = 0;
+    std::uint64_t mLastSession = 0;
     std::uint64_t mLastPage = 0;
     bool mShuttingDown = false;
     std::size_t mConnectionLimit = 0;         // set by start
     std::chrono::milliseconds mAcceptDelay{}; // 0 until accepting fails
     websocket::LogThrottle mWarnings;
     std::map<std::uint64_t, std::weak_ptr<HttpSession>> mHttpSessions;
-    std::map<std::uint64_t, std::shared_ptr<WsConnection>> mConnections;
+    std::map<std::string, std::shared_ptr<WsConnection>> mConnections; // by page id
 };
 
 namespace websocket {

@@ -22,9 +22,9 @@ constexpr std::size_t kMaxChannelsPerPage = 1024;
 
 } // namespace
 
-WsConnection::WsConnection(ServerCore& core, beast::tcp_stream&& stream, std::uint64_t id)
-    : mCore(core), mWs(std::move(stream)), mExecutor(mWs.get_executor()), mId(id),
-      mQueueBound(core.options().maxQueuedBytesPerConnection) {}
+WsConnection::WsConnection(ServerCore& core, beast::tcp_stream&& stream, std::string pageId)
+    : mCore(core), mWs(std::move(stream)), mExecutor(mWs.get_executor()),
+      mPageId(std::move(pageId)), mQueueBound(core.options().maxQueuedBytesPerConnection) {}
 
 void WsConnection::accept(Request request) {
     const WebSocketServerOptions& options = mCore.options();
@@ -55,7 +55,8 @@ void WsConnection::onAccept(beast::error_code ec) {
         end();
         return;
     }
-    mPageId = mCore.openPage();
+    mCore.openPage(mPageId);
+    mOpen = true;
     mWs.text(true);
     send(std::make_shared<const std::string>(helloEnvelope(mPageId)));
     readNext();
@@ -193,7 +194,7 @@ void WsConnection::onWrite(beast::error_code ec) {
 void WsConnection::close() {
     if (mEnded || mClosing)
         return;
-    if (mPageId.empty()) {
+    if (!mOpen) {
         closeNow();
         return;
     }
@@ -220,7 +221,7 @@ void WsConnection::end() {
     mQueue.clear();
     mQueuedBytes = 0;
     mChannels.clear();
-    mCore.connectionEnded(mId, mPageId);
+    mCore.connectionEnded(mPageId, mOpen);
 }
 
 } // namespace connector::message_service::websocket

@@ -30,10 +30,10 @@ class WsConnection : public std::enable_shared_from_this<WsConnection> {
 public:
     using Request = boost::beast::http::request<boost::beast::http::string_body>;
 
-    WsConnection(ServerCore& core, boost::beast::tcp_stream&& stream, std::uint64_t id);
+    // A connection is named by its page id from the start; the page opens (its connect handler
+    // runs and it gets its hello) only once the WebSocket handshake succeeds.
+    WsConnection(ServerCore& core, boost::beast::tcp_stream&& stream, std::string pageId);
 
-    std::uint64_t id() const { return mId; }
-    // Empty until the upgrade has named the page.
     const std::string& pageId() const { return mPageId; }
     // Completes the WebSocket handshake for this upgrade request.
     void accept(Request request);
@@ -73,9 +73,9 @@ private:
     const boost::asio::any_io_executor mExecutor;
     boost::beast::flat_buffer mBuffer;
     Request mUpgrade;
-    const std::uint64_t mId;
+    const std::string mPageId;
     const std::size_t mQueueBound; // a copy: inboundDelivered runs off the I/O thread
-    std::string mPageId;
+    bool mOpen = false;            // the handshake succeeded and the page was announced
     std::unordered_set<std::string> mChannels;
     std::deque<std::shared_ptr<const std::string>> mQueue; // the front one is being written
     std::size_t mQueuedBytes = 0;
