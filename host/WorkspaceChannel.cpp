@@ -42,7 +42,7 @@ struct WorkspaceChannel::State {
 };
 
 WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::Ptr service,
-                                   std::string channel, std::shared_ptr<WorkspaceHost> host)
+                                   std::string channel, const std::shared_ptr<WorkspaceHost>& host)
     : mState(std::make_shared<State>()) {
     mState->service = std::move(service);
     mState->channel = std::move(channel);

@@ -23,7 +23,7 @@ namespace wsbrowser {
 class WorkspaceChannel {
 public:
     WorkspaceChannel(connector::message_service::MessageService::Ptr service, std::string channel,
-                     std::shared_ptr<WorkspaceHost> host);
+                     const std::shared_ptr<WorkspaceHost>& host);
     ~WorkspaceChannel();
     WorkspaceChannel(const WorkspaceChannel&) = delete;
     WorkspaceChannel& operator=(const WorkspaceChannel&) = delete;

@@ -51,7 +51,7 @@ public:
     // (true, text) or (false, the reason there is none).
     using EditTextCallback = std::function<void(bool editable, std::string textOrReason)>;
     // The longest text the grid's editor is given; larger values are not edited in place.
-    static constexpr std::size_t kEditTextLimit = 64 * 1024;
+    static constexpr std::size_t kEditTextLimit = std::size_t{64} * 1024;
     using MessageHandler = std::function<void(const std::string& message)>;
 
     // Loads the helper module into the interpreter; throws std::runtime_error when it fails.
