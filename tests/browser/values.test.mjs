@@ -31,15 +31,22 @@ test('changes made in place by console code show in the grid', async () => {
   const { page } = grid;
   await runCode(page, 'import numpy as np, pandas as pd, collections\n' +
     'big = np.zeros(100000)\nframe = pd.DataFrame({"a": [1, 2], "b": [3.5, 4.5]})\n' +
+    'ordered = collections.OrderedDict(a=1)\ncounts = collections.defaultdict(int)\n' +
+    'raw = bytearray(b"ab")\nmasked = np.ma.masked_array([1, 2, 3], mask=[0, 1, 0])\n' +
     'queue = collections.deque([1])\nclass Box:\n    def __repr__(self):\n' +
     '        return f"Box({self.content})"\nbox = Box()\nbox.content = 1');
   await rowOf(page, 'box');
-  await runCode(page, 'big[5:10] = 99\nframe.loc[0, "a"] = 999\nqueue.append(2)\nbox.content = 2');
+  await runCode(page, 'big[5:10] = 99\nframe.loc[0, "a"] = 999\nqueue.append(2)\nbox.content = 2\n' +
+    'ordered["a"] = 2\ncounts["k"] += 1\nraw.extend(b"c")\nmasked[1] = 5');
   await eventually(async () => {
     assert.deepEqual(await cellsOf('big', ['Max']), ['99']);
     assert.deepEqual(await cellsOf('frame', ['Max']), ['999']);
     assert.deepEqual(await cellsOf('queue', ['Value']), ['deque([1, 2])']);
     assert.deepEqual(await cellsOf('box', ['Value']), ['Box(2)']);
+    assert.deepEqual(await cellsOf('ordered', ['Value']), ["OrderedDict([('a', 2)])"]);
+    assert.deepEqual(await cellsOf('counts', ['Value']), ["defaultdict(<class 'int'>, {'k': 1})"]);
+    assert.deepEqual(await cellsOf('raw', ['Value']), ["bytearray(b'abc')"]);
+    assert.deepEqual(await cellsOf('masked', ['Value']), ['[1 5 3]']);
   });
   assert.deepEqual(grid.problems, []);
 });
