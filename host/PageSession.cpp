@@ -101,6 +101,8 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
         std::move(service), "/WorkspaceBrowser/" + mPageId, std::move(dataModel), columns, columns,
         columnWidths(), options.statsFlag, options.statsLimit, std::move(rename), std::move(edit),
         std::move(selection), std::move(count));
+    // Python users read 1e+40 as larger than 3 and expect NaN and blanks at the end.
+    mViewModel->setExactNumericOrder(true);
 }
 
 PageSession::~PageSession() {

@@ -3,6 +3,7 @@
 #include "WSViewModelParts.hpp"
 
 #include "DisplayOrder.hpp"
+#include "ExactNumericOrder.hpp"
 #include "LifetimeGate.hpp"
 #include "ViewportMath.hpp"
 
@@ -136,6 +137,7 @@ void WSViewModel::sortVariables() {
     std::vector<std::string> names;
     std::string column;
     bool ascending = true;
+    bool exact = false;
     std::uint64_t generation = 0;
     std::vector<std::string> fields;
     bool statsFlag = false;
@@ -147,6 +149,7 @@ void WSViewModel::sortVariables() {
         generation = mOrder->beginRebuild();
         column = mSortColumn;
         ascending = mSortAscending;
+        exact = mExactNumericOrder;
         if (column == kNameColumn) {
             names = mOrder->byName(ascending);
         } else {
@@ -171,7 +174,7 @@ void WSViewModel::sortVariables() {
     // The records may come twice, the second time late and from the host's thread; a newer
     // rebuild of the list in the meantime wins over them.
     const std::shared_ptr<LifetimeGate> gate = mGate;
-    WSVariablesCallback onRecords = [this, gate, column, ascending, generation,
+    WSVariablesCallback onRecords = [this, gate, column, ascending, exact, generation,
                                      listed](std::vector<WSVariable> records) {
         const LifetimeGate::Pass pass(*gate);
         if (!pass)
@@ -180,7 +183,8 @@ void WSViewModel::sortVariables() {
         std::erase_if(records, [&listed](const WSVariable& record) {
             return !listed->contains(record.name);
         });
-        WSVariableAlphabeticalSortComparator{ascending, column}.sort(records);
+        if (!exact || !ExactNumericOrder::sort(records, column, ascending))
+            WSVariableAlphabeticalSortComparator{ascending, column}.sort(records);
         std::vector<std::string> sorted;
         sorted.reserve(records.size());
         for (WSVariable& record : records)
@@ -190,6 +194,11 @@ void WSViewModel::sortVariables() {
     };
     mDataModel->getVariables(mDataModel->getVariableNames(), std::move(fields), statsFlag,
                              statsLimit, std::move(onRecords), false);
+}
+
+void WSViewModel::setExactNumericOrder(bool exact) {
+    std::lock_guard<std::mutex> lock(mStateMutex);
+    mExactNumericOrder = exact;
 }
 
 void WSViewModel::limitSortLocked(std::size_t count) {

@@ -4,7 +4,7 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
-import { closeAll, eventually, launchBrowser, openGrid, rowOf, runCode } from './support/browser.mjs';
+import { closeAll, eventually, gridRows, launchBrowser, openGrid, rowOf, runCode } from './support/browser.mjs';
 import { startWsbrowser } from './support/wsbrowser.mjs';
 
 let server;
@@ -78,5 +78,22 @@ test('a repr that takes ten seconds leaves the other rows painted and shows a pl
   assert.ok(Date.now() - started < 5000, `painted after ${Date.now() - started} ms`);
   // The console answers at once again.
   assert.equal((await runCode(page, '1 + 1')).text.trim(), '2');
+  assert.deepEqual(grid.problems, []);
+});
+
+test('numeric columns sort by their full values, NaN and blanks last both ways', async () => {
+  const { page } = grid;
+  const values = { n3: '3', nbig: '1099511627776', n15: '1.5', nhuge: '1e40', n05: '0.5', n09: '0.9', n0: '0' };
+  await runCode(page, `${Object.entries(values).map(([n, v]) => `${n} = ${v}`).join('\n')}\n` +
+    'nnan = float("nan")\nnblank = "text"');
+  const ours = [...Object.keys(values), 'nnan', 'nblank'];
+  const order = async () => (await gridRows(page)).map((r) => r.name).filter((n) => ours.includes(n));
+  const meanHeader = page.locator('#grid .ag-header-cell[col-id="Mean"] .ag-header-cell-label');
+  await meanHeader.click(); // ascending
+  await eventually(async () => assert.deepEqual(await order(),
+    ['n0', 'n05', 'n09', 'n15', 'n3', 'nbig', 'nhuge', 'nnan', 'nblank']));
+  await meanHeader.click(); // descending
+  await eventually(async () => assert.deepEqual(await order(),
+    ['nhuge', 'nbig', 'n3', 'n15', 'n09', 'n05', 'n0', 'nnan', 'nblank']));
   assert.deepEqual(grid.problems, []);
 });

@@ -120,6 +120,13 @@ TEST(WSViewModel, SortsByNameAndByColumnsInBothDirections) {
     client.sort(2, true);
     client.sort(9, true);
     EXPECT_EQ(GridClient::column(client.page([&] { client.range(11, 1, 2); })), (Names{"d", "c"}));
+
+    // The exact numeric order, on request: full values, NaN last in both directions.
+    rig.vm->setExactNumericOrder(true);
+    EXPECT_EQ(GridClient::column(client.page([&] { client.sort(4, true); })),
+              (Names{"d", "c", "B", "b", "a"}));
+    EXPECT_EQ(GridClient::column(client.page([&] { client.sort(4, false); })),
+              (Names{"b", "B", "c", "d", "a"}));
 }
 
 namespace {

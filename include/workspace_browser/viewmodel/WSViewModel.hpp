@@ -104,6 +104,11 @@ public:
                               const std::vector<double>& columnWidths);
     void updateStatsSettings(bool statsFlag, double statsLimit);
 
+    // Off by default: numeric columns then sort as the comparator of this library orders them
+    // (by the integer part of each displayed number). On, they sort by the full value each
+    // text shows, with NaN and blanks last in both directions. Takes effect at the next sort.
+    void setExactNumericOrder(bool exact);
+
     // The visible column keys in display order.
     std::vector<std::string> getOrderedColumns();
 
@@ -187,6 +192,7 @@ private:
     std::int32_t mStartColumn;
     std::int32_t mEndColumn;
     std::string mSortColumn;
+    bool mExactNumericOrder = false; // guarded by mStateMutex
     bool mSortAscending;
     bool mHandleStartupServices;
     Connection mDataModelConnection;
