@@ -97,3 +97,18 @@ test('numeric columns sort by their full values, NaN and blanks last both ways',
     ['nhuge', 'nbig', 'n3', 'n15', 'n09', 'n05', 'n0', 'nnan', 'nblank']));
   assert.deepEqual(grid.problems, []);
 });
+
+test('above 10,000 variables a header that cannot sort says why', async () => {
+  const { page } = grid;
+  await runCode(page, 'for _i in range(10001):\n    globals()[f"many{_i}"] = _i');
+  const size = page.locator('#grid .ag-header-cell[col-id="Size"]');
+  await eventually(async () => assert.equal(await size.getAttribute('aria-sort'), null));
+  await eventually(async () => {
+    await page.mouse.move(0, 0);
+    await size.hover();
+    const tip = page.locator('.ag-tooltip');
+    await tip.waitFor({ timeout: 2000 });
+    assert.match(await tip.textContent(), /not sortable above 10,000 variables/);
+  });
+  assert.deepEqual(grid.problems, []);
+});

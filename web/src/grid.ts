@@ -16,6 +16,7 @@ import {
   RowSelectionModule,
   ScrollApiModule,
   TextEditorModule,
+  TooltipModule,
   ValidationModule,
   createGrid,
   type ColDef,
@@ -40,11 +41,14 @@ ModuleRegistry.registerModules([
   RowSelectionModule,
   ScrollApiModule,
   TextEditorModule,
+  TooltipModule,
   // Explains a missing module or a wrong option in the console while developing.
   ...(import.meta.env.DEV ? [ValidationModule] : []),
 ]);
 
 const ROW_HEIGHT = 28;
+/** Above this many variables the server sorts only by name. */
+const SORTABLE_LIMIT = 10000;
 const BLOCK_SIZE = 100;
 
 export interface Outbox extends PagingSender {
@@ -108,6 +112,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
       maxBlocksInCache: 30,
       blockLoadDebounceMillis: 40,
       maxConcurrentDatasourceRequests: 4,
+      tooltipShowDelay: 400,
       columnDefs: [],
       defaultColDef: { resizable: true, sortingOrder: ['asc', 'desc'], minWidth: 40 },
       suppressMultiSort: true,
@@ -220,6 +225,17 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
       initialWidth: column.width,
       initialSort: column.key === sort.column ? (sort.ascending ? 'asc' : 'desc') : undefined,
       sortable: column.sortable,
+      // The server turns sorting off for every column but Name above 10,000 variables; a
+      // header that ignores clicks says why.
+      headerTooltip:
+        !column.sortable && column.key !== 'Value'
+          ? `${column.header}: not sortable above ${SORTABLE_LIMIT.toLocaleString('en')} variables; the rows are in name order`
+          : undefined,
+      // A text cut off by the column's width shows whole on hover.
+      tooltipValueGetter:
+        column.key === 'Value' || column.key === 'Name' || column.key === 'Class'
+          ? (params) => params.data?.[column.key]?.value || undefined
+          : undefined,
       editable: column.editable && (column.key === 'Name' || column.key === 'Value'),
       cellEditor: CellTextEditor,
       cellEditorParams: { texts: this.editorContext, fetchText: column.key === 'Value' },
