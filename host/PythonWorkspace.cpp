@@ -274,6 +274,21 @@ void PythonWorkspace::assign(const std::string& name, const std::string& text) {
     edit("assign", "Cannot set '" + name + "': ", name, text);
 }
 
+std::size_t PythonWorkspace::remove(const std::vector<std::string>& names) {
+    PyRef deleteFn(function("delete"));
+    PyRef list = py::listOf(names);
+    PyRef count(list ? PyObject_CallFunctionObjArgs(deleteFn.get(), ns.get(), list.get(), nullptr)
+                     : nullptr);
+    std::size_t deleted = 0;
+    if (count && PyLong_Check(count.get()))
+        deleted = PyLong_AsSize_t(count.get());
+    else
+        report("Cannot delete variables: " + takeError());
+    PyErr_Clear();
+    raiseChanges();
+    return deleted;
+}
+
 std::pair<bool, std::string> PythonWorkspace::editText(const std::string& name) {
     PyRef textFn(function("edit_text"));
     PyRef budgetExceeded(function("BudgetExceeded"));

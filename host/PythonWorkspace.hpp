@@ -50,6 +50,9 @@ public:
     void rename(const std::string& oldName, const std::string& newName);
     void assign(const std::string& name, const std::string& text);
 
+    // Deletes the named variables that exist; returns how many.
+    std::size_t remove(const std::vector<std::string>& names);
+
     // The text that recreates a variable for the grid's editor, or why there is none:
     // (true, text) or (false, reason).
     std::pair<bool, std::string> editText(const std::string& name);

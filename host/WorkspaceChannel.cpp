@@ -6,6 +6,7 @@
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 
 #include <mutex>
+#include <vector>
 
 namespace wsbrowser {
 
@@ -70,10 +71,28 @@ WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::P
             host->refresh();
             return;
         }
+        if (parsed == 0 && action && *action == "delete") {
+            std::vector<std::string> names;
+            if (const auto list = request.find("names");
+                list != request.end() && list->second.is<json::Array>()) {
+                for (const json::Value& name : list->second.get<json::Array>()) {
+                    if (name.is<std::string>())
+                        names.push_back(name.get<std::string>());
+                }
+            }
+            host->deleteVariables(std::move(names), [weak](std::size_t deleted) {
+                if (auto alive = weak.lock())
+                    alive->publish(
+                        json::Object{{"answer", json::Value("delete")},
+                                     {"deleted", json::Value(static_cast<double>(deleted))}});
+            });
+            return;
+        }
         if (parsed != 0 || !get || *get != "editText" || !name) {
             state->publish(json::Object{
                 {"error", json::Value("a workspace request is {\"get\":\"editText\","
-                                      "\"name\":\"...\",\"id\":n} or {\"do\":\"refresh\"}")}});
+                                      "\"name\":\"...\",\"id\":n}, {\"do\":\"refresh\"} or "
+                                      "{\"do\":\"delete\",\"names\":[...]}")}});
             return;
         }
         json::Object answer{{"answer", json::Value("editText")}, {"name", json::Value(*name)}};

@@ -15,6 +15,8 @@ namespace wsbrowser {
 //   an editor that started from it would write the shortening back; the answer is
 //   {"answer":"editText","id":n,"name":"x","editable":true,"text":"..."} with the Python text
 //   that recreates the value exactly, or the same with "editable":false and a "reason".
+// - {"do":"delete","names":[...]}: deletes those variables (names that are not variables are
+//   skipped) and answers {"answer":"delete","deleted":n}; the grid follows the change batch.
 // - {"do":"refresh"}: re-reads the whole workspace (every variable is described again, also one
 //   whose change no scan could see); the grid's usual updates follow, no answer.
 // Anything else is answered {"error":"..."}.

@@ -148,6 +148,17 @@ void WorkspaceHost::editText(std::string name, EditTextCallback done) {
         done(false, "the workspace is closed");
 }
 
+void WorkspaceHost::deleteVariables(std::vector<std::string> names,
+                                    std::function<void(std::size_t)> done) {
+    mImpl->interpreter->post([impl = mImpl, names = std::move(names), done = std::move(done)] {
+        if (!impl->isOpen())
+            return;
+        const std::size_t deleted = impl->remove(names);
+        if (done)
+            impl->delivery.post([done, deleted] { done(deleted); });
+    });
+}
+
 void WorkspaceHost::refresh() {
     if (auto trigger = triggerFunction())
         trigger();

@@ -91,6 +91,9 @@ public:
     // with its output on the process's streams (Ctrl-C interrupts it).
     bool needsMoreInput(const std::string& source);
     void runTerminalCommand(const std::string& source);
+    // Deletes the named variables later (names that are not variables are skipped) and hands
+    // how many went to `done`; the usual change batch follows.
+    void deleteVariables(std::vector<std::string> names, std::function<void(std::size_t)> done);
     // Re-reads the whole workspace later: every variable is reported changed (after the
     // deletions), and one whose description ran out of time gets its budget again.
     void refresh();

@@ -500,6 +500,16 @@ def _edit_names(ns):
     return extra or None
 
 
+def delete(ns, names):
+    """Deletes the named variables that exist; returns how many were deleted."""
+    deleted = 0
+    for name in names:
+        if isinstance(name, str) and name in ns:
+            del ns[name]
+            deleted += 1
+    return deleted
+
+
 def assign(ns, name, text):
     """Evaluates `text` in the namespace and assigns it; returns None or the error."""
     if name not in ns:

@@ -156,9 +156,12 @@ TEST(BrowserApp, APageGetsRowsFromTheInterpreterAndRunsConsoleCode) {
 
     rig.workspace.run("del k\n");
     EXPECT_TRUE(rig.waitWatched("deleted: k"));
+    // The page deletes what it selected; a name that is no variable is skipped.
+    EXPECT_EQ(workspace.send(R"({"do":"delete","names":["m","ghost",3]})").number("deleted"), 1);
+    EXPECT_TRUE(rig.waitWatched("deleted: m"));
     std::lock_guard<std::mutex> lock(rig.mutex);
-    EXPECT_THAT(rig.watched,
-                ::testing::ElementsAre("added: m, s", "changed: m, s", "added: k", "deleted: k"));
+    EXPECT_THAT(rig.watched, ::testing::ElementsAre("added: m, s", "changed: m, s", "added: k",
+                                                    "deleted: k", "deleted: m"));
 }
 
 TEST(BrowserApp, PagesComeAndGoIndependentlyAndConsolesCanBeOff) {
