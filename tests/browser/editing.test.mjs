@@ -215,3 +215,30 @@ test('the console is busy while code runs, Ctrl+C interrupts it, and its history
   assert.equal(await color('.wsb-stderr'), 'rgb(179, 38, 30)');
   assert.deepEqual(grid.problems, []);
 });
+
+test('Delete removes the selected variables after a confirmation that names how many', async () => {
+  const { page } = grid;
+  await runCode(page, 'gone_a = 1\ngone_b = 2\nkept = 3');
+  const classCell = async (name) => cell(page, (await rowOf(page, name)).index, 'Class');
+  await (await classCell('gone_a')).click();
+  await (await classCell('gone_b')).click({ modifiers: ['Control'] });
+  await eventually(async () => assert.deepEqual(
+    (await page.evaluate(() => window.wsbrowser.selectedNames())).sort(), ['gone_a', 'gone_b']));
+  await page.keyboard.press('Delete');
+  const dialog = page.getByRole('dialog');
+  await dialog.waitFor();
+  assert.match(await dialog.textContent(), /Delete 2 variables\?/);
+  await dialog.getByRole('button', { name: 'Cancel' }).click();
+  assert.equal(await echo("'gone_a' in globals()"), 'True', 'Cancel deletes nothing');
+
+  await (await classCell('gone_b')).click({ modifiers: ['Control'] });
+  await (await classCell('gone_b')).click({ modifiers: ['Control'] });
+  await page.keyboard.press('Delete');
+  await dialog.getByRole('button', { name: 'Delete' }).click();
+  await eventually(async () => {
+    const current = await names();
+    assert.ok(!current.includes('gone_a') && !current.includes('gone_b'), `both rows left: ${current}`);
+  });
+  assert.equal(await echo("'gone_a' in globals(), 'gone_b' in globals(), kept"), '(False, False, 3)');
+  assert.deepEqual(grid.problems, []);
+});

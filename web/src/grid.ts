@@ -56,6 +56,8 @@ export interface Outbox extends PagingSender {
   workspace(message: unknown): boolean;
   /** Tells the user something short, e.g. why an edit did not happen. */
   notice(text: string): void;
+  /** The user asked to delete these variables (the page confirms first). */
+  deleteRequested(names: string[]): void;
 }
 
 // Selection changes the user made, as opposed to the grid's own (a re-sort drops them).
@@ -143,6 +145,11 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
       },
       onBodyScroll: () => this.state.scheduleViewport(),
       onViewportChanged: () => this.state.scheduleViewport(),
+    });
+    element.addEventListener('keydown', (event) => {
+      if (event.key !== 'Delete' || this.api.getEditingCells().length > 0) return;
+      event.preventDefault();
+      if (this.state.selectedNames.length > 0) out.deleteRequested([...this.state.selectedNames]);
     });
     element.addEventListener('focusin', () => this.state.focusChanged(true));
     element.addEventListener('focusout', (event) => {

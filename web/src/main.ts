@@ -12,6 +12,7 @@ import {
   takeToken,
 } from './connection';
 import { CommandBox } from './console';
+import { readDeleted } from './protocol';
 import { columnsRequest, consoleInterrupt, consoleRequest, workspace } from './messages';
 import type { WorkspaceGrid } from './grid';
 
@@ -55,6 +56,28 @@ const commands = new CommandBox(
     notice: showNotice,
   },
 );
+// Deleting asks first, naming how many; the grid follows the host's change batch.
+const confirmDelete = byId<HTMLDialogElement>('confirm-delete');
+let pendingDelete: string[] = [];
+function askToDelete(names: string[]): void {
+  pendingDelete = names;
+  byId('confirm-delete-text').textContent =
+    names.length === 1 ? `Delete the variable ${names[0]}?` : `Delete ${names.length.toLocaleString('en')} variables?`;
+  confirmDelete.showModal();
+}
+confirmDelete.addEventListener('close', () => {
+  if (confirmDelete.returnValue === 'delete' && pendingDelete.length > 0) {
+    if (!connection.publish('workspace', workspace.delete(pendingDelete))) showNotice('Not connected: nothing was deleted.');
+  }
+  pendingDelete = [];
+  confirmDelete.returnValue = '';
+});
+function onWorkspaceAnswer(message: unknown): void {
+  const deleted = readDeleted(message);
+  if (deleted !== null) showNotice(deleted === 1 ? 'Deleted 1 variable.' : `Deleted ${deleted.toLocaleString('en')} variables.`);
+  else grid?.onWorkspace(message);
+}
+
 byId<HTMLButtonElement>('refresh').addEventListener('click', () => {
   if (!connection.publish('workspace', workspace.refresh())) showNotice('Not connected: nothing was refreshed.');
 });
@@ -64,7 +87,7 @@ function deliver(channel: keyof Channels, message: unknown): void {
   try {
     if (channel === 'console') commands.onMessage(message);
     else if (channel === 'columns' && grid) grid.onColumnKeys(message);
-    else if (channel === 'workspace') grid?.onWorkspace(message);
+    else if (channel === 'workspace') onWorkspaceAnswer(message);
     else if (!grid) early.push([channel, message]);
     else if (channel === 'paging') grid.onPaging(message);
     else grid.onViewModel(message);
@@ -108,6 +131,7 @@ grid = new Grid(byId('grid'), {
   viewModel: (message) => connection.publish('viewModel', message),
   workspace: (message) => connection.publish('workspace', message),
   notice: showNotice,
+  deleteRequested: askToDelete,
 });
 if (open) grid.connected();
 for (const [channel, message] of early.splice(0)) deliver(channel, message);

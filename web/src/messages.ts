@@ -96,6 +96,8 @@ export const workspace = {
     name,
     id,
   }),
+  /** Deletes these variables (names that are not variables are skipped). */
+  delete: (names: string[]): { do: 'delete'; names: string[] } => ({ do: 'delete', names }),
   /** Re-reads every variable, also one changed where no scan could see it. */
   refresh: (): { do: 'refresh' } => ({ do: 'refresh' }),
 };

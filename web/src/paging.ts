@@ -95,6 +95,8 @@ export class PagingState<P> {
   private serverSort: SortState = DEFAULT_SORT;
   private expectSortEcho = false;
   private selection: RowRange[] = [];
+  /** The selected names as the server last reported them (it keeps the selection by name). */
+  selectedNames: string[] = [];
   // Selection reports the server has not answered yet; its older selection replies are stale.
   private selectionReportsInFlight = 0;
   private restoreSelection = false;
@@ -200,6 +202,8 @@ export class PagingState<P> {
     }
     if (message.type === 'SelectedVariablesChanged') {
       this.selectionReportsInFlight = Math.max(0, this.selectionReportsInFlight - 1);
+      const names = message.Variables;
+      if (Array.isArray(names) && names.every((n): n is string => typeof n === 'string')) this.selectedNames = names;
     } else if (message.type === 'SelectedRowsChanged') {
       const ranges = readRanges(message.selectedRows);
       if (!ranges) {

@@ -232,3 +232,9 @@ export function readStatistics(message: unknown): StatisticsSettings | null {
   if (!columns.every((c): c is string => typeof c === 'string')) return null;
   return { on, limit, columns };
 }
+
+/** How many variables a delete removed, or null for any other message. */
+export function readDeleted(message: unknown): number | null {
+  if (!isObject(message) || message.answer !== 'delete') return null;
+  return int(message.deleted);
+}

@@ -4,7 +4,7 @@
 import { describe, expect, it } from 'vitest';
 
 import { EditTextRequests } from '../src/editor';
-import { readConsoleReply, readEditText } from '../src/protocol';
+import { readConsoleReply, readDeleted, readEditText } from '../src/protocol';
 
 describe('edit-text requests', () => {
   it('hands each answer to its own editor once, and drops late, unknown and unsent ones', () => {
@@ -34,6 +34,9 @@ describe('edit-text requests', () => {
       { id: 3, name: 'a', editable: true, text: '' }, { answer: 'editText', id: 3, editable: false, reason: 'r' }]) {
       expect(readEditText(bad)).toBeNull();
     }
+    expect(readDeleted({ answer: 'delete', deleted: 2 })).toBe(2);
+    expect(readDeleted({ answer: 'delete', deleted: 'x' })).toBeNull();
+    expect(readDeleted({ answer: 'editText', deleted: 2 })).toBeNull();
   });
 });
 
