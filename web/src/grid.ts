@@ -1,7 +1,9 @@
 // The variable grid on screen: an infinite-scrolling grid whose blocks, sort order, edits,
-// selection and column widths all live on the server. This adapter is the only module that
-// touches the grid library and the grid's DOM; what to ask the server and what its answers mean
-// is decided by the paging state machine (paging.ts).
+// selection and column widths all live on the server. This adapter owns the grid library's
+// instance and the grid's DOM (its column definitions are built in columns.ts, its cell editor
+// in editor.ts); what to ask the server and what its answers mean is decided by the paging
+// state machine (paging.ts). It runs a little over 250 lines because every callback the grid
+// library calls lands here, next to the grid object it acts on.
 
 import 'ag-grid-community/styles/ag-grid.css';
 import 'ag-grid-community/styles/ag-theme-quartz.css';
@@ -19,18 +21,17 @@ import {
   TooltipModule,
   ValidationModule,
   createGrid,
-  type ColDef,
   type GridApi,
-  type ICellRendererParams,
   type IGetRowsParams,
   type IRowNode,
   type ValueSetterParams,
 } from 'ag-grid-community';
-import { CellTextEditor, EditTextRequests, type EditorContext } from './editor';
+import { columnDefs } from './columns';
+import { EditTextRequests, type EditorContext } from './editor';
 import { workspace } from './messages';
 import { PagingState, type Block, type PagingSender, type PagingView, type SortState } from './paging';
 import { inRanges, readStatistics, type ColumnInfo, type Row, type RowRange } from './protocol';
-import { statsNote, type StatisticsSettings } from './statsNote';
+import type { StatisticsSettings } from './statsNote';
 
 ModuleRegistry.registerModules([
   InfiniteRowModelModule,
@@ -47,8 +48,6 @@ ModuleRegistry.registerModules([
 ]);
 
 const ROW_HEIGHT = 28;
-/** Above this many variables the server sorts only by name. */
-const SORTABLE_LIMIT = 10000;
 const BLOCK_SIZE = 100;
 
 export interface Outbox extends PagingSender {
@@ -70,21 +69,6 @@ const USER_SELECTION_SOURCES = new Set<string>([
   'uiSelectAllFiltered',
   'uiSelectAllCurrentPage',
 ]);
-
-function nameCell(params: ICellRendererParams<Row>): HTMLElement {
-  const cell = params.data?.Name;
-  const box = document.createElement('span');
-  box.className = 'wsb-name-cell';
-  const icon = document.createElement('span');
-  icon.className = 'wsb-class-icon';
-  icon.setAttribute('data-class', cell?.class ?? '');
-  icon.setAttribute('aria-hidden', 'true');
-  const name = document.createElement('span');
-  name.className = 'wsb-name';
-  name.textContent = cell?.value ?? '';
-  box.append(icon, name);
-  return box;
-}
 
 export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   readonly api: GridApi<Row>;
@@ -149,7 +133,15 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
     element.addEventListener('keydown', (event) => {
       if (event.key !== 'Delete' || this.api.getEditingCells().length > 0) return;
       event.preventDefault();
-      if (this.state.selectedNames.length > 0) out.deleteRequested([...this.state.selectedNames]);
+      // The rows on screen name themselves; a selection reaching rows not loaded is named by
+      // the server, once it has seen the latest one.
+      const selectedRows = this.state.selectedRanges.reduce((n, r) => n + r.end - r.start + 1, 0);
+      const loaded = this.api.getSelectedNodes().flatMap((node) => node.data?.Name?.value ?? []);
+      if (selectedRows > 0 && loaded.length === selectedRows) out.deleteRequested(loaded);
+      else
+        this.state.whenSelectionSettled(() => {
+          if (this.state.selectedNames.length > 0) out.deleteRequested([...this.state.selectedNames]);
+        });
     });
     element.addEventListener('focusin', () => this.state.focusChanged(true));
     element.addEventListener('focusout', (event) => {
@@ -226,32 +218,11 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   }
 
   showColumns(columns: ColumnInfo[], sort: SortState): void {
-    const defs: ColDef<Row>[] = columns.map((column) => ({
-      colId: column.key,
-      headerName: column.header,
-      initialWidth: column.width,
-      initialSort: column.key === sort.column ? (sort.ascending ? 'asc' : 'desc') : undefined,
-      sortable: column.sortable,
-      // The server turns sorting off for every column but Name above 10,000 variables; a
-      // header that ignores clicks says why.
-      headerTooltip:
-        !column.sortable && column.key !== 'Value'
-          ? `${column.header}: not sortable above ${SORTABLE_LIMIT.toLocaleString('en')} variables; the rows are in name order`
-          : undefined,
-      // A text cut off by the column's width shows whole on hover.
-      tooltipValueGetter:
-        column.key === 'Value' || column.key === 'Name' || column.key === 'Class'
-          ? (params) => params.data?.[column.key]?.value || undefined
-          : undefined,
-      editable: column.editable && (column.key === 'Name' || column.key === 'Value'),
-      cellEditor: CellTextEditor,
-      cellEditorParams: { texts: this.editorContext, fetchText: column.key === 'Value' },
-      valueGetter: (params) => params.data?.[column.key]?.value ?? '',
-      valueSetter: (params) => this.edit(column, params),
-      cellRenderer:
-        column.key === 'Name' ? nameCell : this.statistics?.columns.includes(column.key) ? this.statCell : undefined,
-      cellClass: `wsb-col-${column.key.toLowerCase()}`,
-    }));
+    const defs = columnDefs(columns, sort, {
+      statistics: this.statistics,
+      editorContext: this.editorContext,
+      edit: (column, params) => this.edit(column, params),
+    });
     this.api.setGridOption('columnDefs', defs);
   }
 
@@ -299,19 +270,6 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
     };
     requestAnimationFrame(check);
   }
-
-  /** A statistic with a tooltip that says why it is blank, or that it is of magnitudes. */
-  private readonly statCell = (params: ICellRendererParams<Row>): HTMLElement => {
-    const text = document.createElement('span');
-    text.textContent = String(params.value ?? '');
-    const row = params.data;
-    const note =
-      row && this.statistics
-        ? statsNote({ Class: row.Class?.value, Size: row.Size?.value, Min: row.Min?.value }, this.statistics)
-        : null;
-    if (note) text.title = note;
-    return text;
-  };
 
   private edit(column: ColumnInfo, params: ValueSetterParams<Row>): boolean {
     const row = params.node?.rowIndex;

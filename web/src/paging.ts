@@ -97,8 +97,18 @@ export class PagingState<P> {
   private selection: RowRange[] = [];
   /** The selected names as the server last reported them (it keeps the selection by name). */
   selectedNames: string[] = [];
+
+  /**
+   * Runs `action` once the server has answered every selection the page reported, so that
+   * `selectedNames` holds the user's latest selection (a Delete right after a click).
+   */
+  whenSelectionSettled(action: () => void): void {
+    if (this.selectionReportsInFlight === 0) action();
+    else this.settledWaiters.push(action);
+  }
   // Selection reports the server has not answered yet; its older selection replies are stale.
   private selectionReportsInFlight = 0;
+  private settledWaiters: (() => void)[] = [];
   private restoreSelection = false;
   // The width last sent per column key, forgotten whenever the server describes the columns.
   private reportedWidths = new Map<string, number>();
@@ -133,6 +143,7 @@ export class PagingState<P> {
     this.serverSort = DEFAULT_SORT;
     this.expectSortEcho = false;
     this.selectionReportsInFlight = 0;
+    this.settledWaiters = [];
     this.lastViewport = '';
     const sort = this.view.currentSort();
     if (sort) this.sendSort(sort);
@@ -204,6 +215,7 @@ export class PagingState<P> {
       this.selectionReportsInFlight = Math.max(0, this.selectionReportsInFlight - 1);
       const names = message.Variables;
       if (Array.isArray(names) && names.every((n): n is string => typeof n === 'string')) this.selectedNames = names;
+      if (this.selectionReportsInFlight === 0) for (const waiter of this.settledWaiters.splice(0)) waiter();
     } else if (message.type === 'SelectedRowsChanged') {
       const ranges = readRanges(message.selectedRows);
       if (!ranges) {

@@ -199,7 +199,14 @@ describe('paging', () => {
     const before = { type: 'SelectedRowsChanged', selectedRows: [{ start: 7, end: 7 }] };
     state.onViewModel(before); // crossed the user's report on the wire
     expect(state.selectedRanges).toEqual([{ start: 3, end: 4 }]);
+    // An action on the selection (Delete) waits for the server's names of the latest one.
+    const acted: string[][] = [];
+    state.whenSelectionSettled(() => acted.push(state.selectedNames));
+    expect(acted).toEqual([]);
     state.onViewModel({ type: 'SelectedVariablesChanged', Variables: ['a', 'b'] });
+    expect(acted).toEqual([['a', 'b']]);
+    state.whenSelectionSettled(() => acted.push(state.selectedNames));
+    expect(acted.length).toBe(2);
     state.onViewModel({ type: 'SelectedRowsChanged', selectedRows: [{ start: 5, end: 6 }] });
     expect(view.selection).toEqual([{ start: 5, end: 6 }]);
     state.onViewModel({ type: 'SelectedRowsChanged', selectedRows: 'garbage' });
