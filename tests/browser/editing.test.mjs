@@ -241,3 +241,40 @@ test('Delete removes the selected variables after a confirmation that names how 
   assert.equal(await echo("'gone_a' in globals(), 'gone_b' in globals(), kept"), '(False, False, 3)');
   assert.deepEqual(grid.problems, []);
 });
+
+test('the row menu and the keyboard copy, rename and delete; the status line counts', async () => {
+  const { page, context } = grid;
+  await context.grantPermissions(['clipboard-read', 'clipboard-write']);
+  await runCode(page, "menu_text = 'x' * 200\nmenu_other = 7");
+  const status = page.locator('#status[role="status"]');
+  assert.match(await status.textContent(), /^\d+ variables$/);
+
+  // Right click: the menu, its items, Copy value gives the whole text, not the cell's.
+  const row = await rowOf(page, 'menu_text');
+  await cell(page, row.index, 'Class').click({ button: 'right' });
+  const menu = page.getByRole('menu');
+  assert.deepEqual(await menu.getByRole('menuitem').allTextContents(),
+    ['Copy name', 'Copy value', 'Rename', 'Delete', 'Open']);
+  await menu.getByRole('menuitem', { name: 'Copy value' }).click();
+  await eventually(async () =>
+    assert.equal(await page.evaluate(() => navigator.clipboard.readText()), `'${'x'.repeat(200)}'`));
+  await cell(page, row.index, 'Class').click();
+  await eventually(async () => assert.match(await status.textContent(), /· 1 selected$/));
+
+  // Keyboard: the context-menu key opens it, arrows and Enter choose; Ctrl+C copies the rows.
+  await cell(page, row.index, 'Class').press('Shift+F10');
+  await page.keyboard.press('Enter'); // Copy name
+  await eventually(async () => assert.equal(await page.evaluate(() => navigator.clipboard.readText()), 'menu_text'));
+  await cell(page, row.index, 'Class').press('Control+c');
+  await eventually(async () => {
+    const copied = await page.evaluate(() => navigator.clipboard.readText());
+    assert.match(copied, /^menu_text\t'x+\.\.\.x+'\t200\tstr\t/);
+  });
+  // F2 renames from any cell of the row.
+  await cell(page, row.index, 'Size').press('F2');
+  const editor = page.locator('#grid .wsb-cell-editor');
+  await editor.fill('menu_renamed');
+  await editor.press('Enter');
+  await eventually(async () => assert.ok((await names()).includes('menu_renamed')));
+  assert.deepEqual(grid.problems, []);
+});

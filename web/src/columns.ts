@@ -65,6 +65,8 @@ export function columnDefs(columns: ColumnInfo[], sort: SortState, deps: ColumnD
         ? (params) => params.data?.[column.key]?.value || undefined
         : undefined,
     editable: column.editable && (column.key === 'Name' || column.key === 'Value'),
+    // F2 renames whichever cell of the row has the focus (the grid handles it).
+    suppressKeyboardEvent: (params) => params.event.key === 'F2' && !params.editing,
     cellEditor: CellTextEditor,
     cellEditorParams: { texts: deps.editorContext, fetchText: column.key === 'Value' },
     valueGetter: (params) => params.data?.[column.key]?.value ?? '',

@@ -30,6 +30,7 @@ import { columnDefs } from './columns';
 import { EditTextRequests, type EditorContext } from './editor';
 import { workspace } from './messages';
 import { PagingState, type Block, type PagingSender, type PagingView, type SortState } from './paging';
+import { RowMenu } from './rowMenu';
 import { inRanges, readStatistics, type ColumnInfo, type Row, type RowRange } from './protocol';
 import type { StatisticsSettings } from './statsNote';
 
@@ -57,6 +58,8 @@ export interface Outbox extends PagingSender {
   notice(text: string): void;
   /** The user asked to delete these variables (the page confirms first). */
   deleteRequested(names: string[]): void;
+  /** How many variables there are and how many are selected, for the status line. */
+  status(count: number, selected: number): void;
 }
 
 // Selection changes the user made, as opposed to the grid's own (a re-sort drops them).
@@ -77,6 +80,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   private firstRowsAt: number | null = null;
   private readonly editTexts = new EditTextRequests();
   private statistics: StatisticsSettings | null = null;
+  private readonly menu: RowMenu;
   private readonly editorContext: EditorContext;
 
   constructor(
@@ -122,22 +126,54 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
             .map((node) => Number(node.id))
             .filter((row) => Number.isInteger(row) && row >= 0),
         );
+        this.updateStatus();
       },
       onColumnResized: (event) => {
         if (!event.finished || event.source !== 'uiColumnResized') return;
         for (const column of event.columns ?? []) this.state.columnResized(column.getColId(), column.getActualWidth());
       },
+      preventDefaultOnContextMenu: true,
+      onCellContextMenu: (event) => {
+        const name = event.data?.Name?.value;
+        const mouse = event.event instanceof MouseEvent ? event.event : null;
+        if (name && mouse) this.menu.open(name, mouse.clientX, mouse.clientY);
+      },
       onBodyScroll: () => this.state.scheduleViewport(),
       onViewportChanged: () => this.state.scheduleViewport(),
     });
+    this.menu = new RowMenu({
+      copyName: (name) => this.copy(name),
+      copyValue: (name) => this.copyValue(name),
+      rename: (name) => this.startRename(name),
+      delete: (name) => out.deleteRequested([name]),
+    });
     element.addEventListener('keydown', (event) => {
-      if (event.key !== 'Delete' || this.api.getEditingCells().length > 0) return;
+      if (this.api.getEditingCells().length > 0) return;
+      if (event.key === 'ContextMenu' || (event.key === 'F10' && event.shiftKey)) {
+        event.preventDefault();
+        const focused = this.focusedRow();
+        const cell = document.activeElement?.getBoundingClientRect();
+        if (focused && cell) this.menu.open(focused.name, cell.left + 8, cell.bottom);
+        return;
+      }
+      if (event.key === 'F2') {
+        event.preventDefault();
+        const focused = this.focusedRow();
+        if (focused) this.startRename(focused.name);
+        return;
+      }
+      if (event.key === 'c' && (event.ctrlKey || event.metaKey)) {
+        event.preventDefault();
+        this.copySelectedRows();
+        return;
+      }
+      if (event.key !== 'Delete') return;
       event.preventDefault();
       // The rows on screen name themselves; a selection reaching rows not loaded is named by
       // the server, once it has seen the latest one.
       const selectedRows = this.state.selectedRanges.reduce((n, r) => n + r.end - r.start + 1, 0);
       const loaded = this.api.getSelectedNodes().flatMap((node) => node.data?.Name?.value ?? []);
-      if (selectedRows > 0 && loaded.length === selectedRows) out.deleteRequested(loaded);
+      if (loaded.length > 0 && loaded.length >= selectedRows) out.deleteRequested(loaded);
       else
         this.state.whenSelectionSettled(() => {
           if (this.state.selectedNames.length > 0) out.deleteRequested([...this.state.selectedNames]);
@@ -203,6 +239,12 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
 
   setRowCount(count: number): void {
     if (this.api.getDisplayedRowCount() !== count) this.api.setRowCount(count, true);
+    this.updateStatus();
+  }
+
+  private updateStatus(): void {
+    const selected = this.state.selectedRanges.reduce((n, r) => n + r.end - r.start + 1, 0);
+    this.out.status(this.state.rowCount, selected);
   }
 
   deliver(block: Block<IGetRowsParams<Row>>, rows: Row[], lastRow: number | undefined): void {
@@ -227,6 +269,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   }
 
   showSelection(ranges: readonly RowRange[]): void {
+    this.updateStatus();
     const select: IRowNode<Row>[] = [];
     const deselect: IRowNode<Row>[] = [];
     this.api.forEachNode((node) => {
@@ -269,6 +312,55 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
       }
     };
     requestAnimationFrame(check);
+  }
+
+  private focusedRow(): { row: number; name: string } | null {
+    const focused = this.api.getFocusedCell();
+    const node = focused ? this.api.getDisplayedRowAtIndex(focused.rowIndex) : undefined;
+    const name = node?.data?.Name?.value;
+    return focused && name ? { row: focused.rowIndex, name } : null;
+  }
+
+  private startRename(name: string): void {
+    this.api.forEachNode((node) => {
+      if (node.data?.Name?.value === name && node.rowIndex !== null)
+        this.api.startEditingCell({ rowIndex: node.rowIndex, colKey: 'Name' });
+    });
+  }
+
+  private copy(text: string, what = 'Copied.'): void {
+    navigator.clipboard.writeText(text).then(
+      () => this.out.notice(what),
+      () => this.out.notice('The browser did not allow copying to the clipboard.'),
+    );
+  }
+
+  /** The selected rows on screen as tab-separated text: the visible columns, in their order. */
+  private copySelectedRows(): void {
+    const keys = (this.api.getColumns() ?? []).map((column) => column.getColId());
+    const rows = this.api
+      .getSelectedNodes()
+      .filter((node) => node.data)
+      .sort((a, b) => Number(a.id) - Number(b.id))
+      .map((node) => keys.map((key) => (node.data?.[key]?.value ?? '').replace(/[\t\n]/g, ' ')).join('\t'));
+    if (rows.length === 0) return;
+    this.copy(rows.join('\n') + '\n', rows.length === 1 ? 'Copied 1 row.' : `Copied ${rows.length} rows.`);
+  }
+
+  /** The whole value as Python text, from the host; the cell's text when there is none. */
+  private copyValue(name: string): void {
+    const sent = this.editTexts.ask(name, this.editorContext.send, (answer) => {
+      if (answer.editable) {
+        this.copy(answer.text, `Copied the value of ${name}.`);
+        return;
+      }
+      let shown = '';
+      this.api.forEachNode((node) => {
+        if (node.data?.Name?.value === name) shown = node.data?.Value?.value ?? '';
+      });
+      this.copy(shown, `Copied the shortened text of ${name}: ${answer.reason}.`);
+    });
+    if (sent === null) this.out.notice('Not connected: nothing was copied.');
   }
 
   private edit(column: ColumnInfo, params: ValueSetterParams<Row>): boolean {

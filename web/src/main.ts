@@ -132,6 +132,10 @@ grid = new Grid(byId('grid'), {
   workspace: (message) => connection.publish('workspace', message),
   notice: showNotice,
   deleteRequested: askToDelete,
+  status: (count, selected) => {
+    const variables = count === 1 ? '1 variable' : `${count.toLocaleString('en')} variables`;
+    byId('status').textContent = selected > 0 ? `${variables} · ${selected.toLocaleString('en')} selected` : variables;
+  },
 });
 if (open) grid.connected();
 for (const [channel, message] of early.splice(0)) deliver(channel, message);
