@@ -76,7 +76,8 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
     mColumns = std::make_unique<ColumnsChannel>(service, "/Columns/" + mPageId, keysAsText(columns),
                                                 std::move(statistics));
     std::weak_ptr<WorkspaceHost> weakHost = host;
-    mWorkspace = std::make_unique<WorkspaceChannel>(service, "/Workspace/" + mPageId, host);
+    const std::shared_ptr<WorkspaceHost> workspaceHost = host;
+    const auto workspaceService = service;
     if (options.console)
         mConsole =
             std::make_unique<ConsoleChannel>(service, "/Console/" + mPageId, std::move(host));
@@ -103,6 +104,10 @@ PageSession::PageSession(connector::message_service::MessageService::Ptr service
         std::move(selection), std::move(count));
     // Python users read 1e+40 as larger than 3 and expect NaN and blanks at the end.
     mViewModel->setExactNumericOrder(true);
+    // After the view model: a filter request goes straight to it.
+    mWorkspace = std::make_unique<WorkspaceChannel>(
+        workspaceService, "/Workspace/" + mPageId, workspaceHost,
+        [viewModel = mViewModel.get()](const std::string& text) { viewModel->setFilter(text); });
 }
 
 PageSession::~PageSession() {

@@ -43,13 +43,15 @@ struct WorkspaceChannel::State {
 };
 
 WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::Ptr service,
-                                   std::string channel, const std::shared_ptr<WorkspaceHost>& host)
+                                   std::string channel, const std::shared_ptr<WorkspaceHost>& host,
+                                   FilterHandler onFilter)
     : mState(std::make_shared<State>()) {
     mState->service = std::move(service);
     mState->channel = std::move(channel);
     std::weak_ptr<State> weak = mState;
     std::weak_ptr<WorkspaceHost> weakHost = host;
-    auto onMessage = [weak, weakHost](const connector::message_service::JsonMessage& message) {
+    auto onMessage = [weak, weakHost, onFilter = std::move(onFilter)](
+                         const connector::message_service::JsonMessage& message) {
         auto state = weak.lock();
         auto host = weakHost.lock();
         if (!state || !host)
@@ -67,6 +69,14 @@ WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::P
         const std::string* get = field("get");
         const std::string* name = field("name");
         const std::string* action = field("do");
+        if (parsed == 0 && action && *action == "filter") {
+            const std::string* text = field("text");
+            // Under the lock that close() takes: once closed, the page's view model may be gone.
+            std::lock_guard<std::mutex> lock(state->mutex);
+            if (state->open && onFilter)
+                onFilter(text ? text->substr(0, kMaxFilterChars) : std::string());
+            return;
+        }
         if (parsed == 0 && action && *action == "refresh") {
             host->refresh();
             return;

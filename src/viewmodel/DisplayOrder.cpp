@@ -3,6 +3,8 @@
 #include <workspace_browser/platform/DiagnosticLogger.hpp>
 
 #include <algorithm>
+#include <cctype>
+#include <iterator>
 #include <utility>
 
 namespace workspace_browser_startup {
@@ -29,6 +31,8 @@ void DisplayOrder::replace(std::vector<std::string> names, bool ascending) {
     mSet.clear();
     for (const std::string& name : names)
         mSet.insert(mSet.end(), name);
+    if (filtered())
+        std::erase_if(names, [this](const std::string& name) { return !matches(name); });
     if (!ascending)
         std::reverse(names.begin(), names.end());
     ++mRebuild;
@@ -75,6 +79,15 @@ DisplayOrder::Effect DisplayOrder::apply(const WSListenersSubscriptionCallbackAr
 }
 
 std::vector<std::string> DisplayOrder::byName(bool ascending) const {
+    if (filtered()) {
+        std::vector<std::string> names;
+        const auto keep = [this](const std::string& name) { return matches(name); };
+        if (ascending)
+            std::copy_if(mSet.begin(), mSet.end(), std::back_inserter(names), keep);
+        else
+            std::copy_if(mSet.rbegin(), mSet.rend(), std::back_inserter(names), keep);
+        return names;
+    }
     if (ascending)
         return {mSet.begin(), mSet.end()};
     return {mSet.rbegin(), mSet.rend()};
@@ -92,6 +105,22 @@ void DisplayOrder::setNames(std::vector<std::string> names) {
         return;
     mNames = std::move(names);
     ++mOrder;
+}
+
+void DisplayOrder::setFilter(const std::string& text) {
+    mFilter = text;
+    std::transform(mFilter.begin(), mFilter.end(), mFilter.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+}
+
+bool DisplayOrder::matches(const std::string& name) const {
+    if (mFilter.empty())
+        return true;
+    const auto lowerEqual = [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == static_cast<unsigned char>(b);
+    };
+    return std::search(name.begin(), name.end(), mFilter.begin(), mFilter.end(), lowerEqual) !=
+           name.end();
 }
 
 } // namespace workspace_browser_startup

@@ -47,11 +47,19 @@ public:
     // Takes `names` as the list now, whatever rebuild is under way.
     void setNames(std::vector<std::string> names);
 
+    // Lists only names that contain `text`, ignoring ASCII case (empty: every name). The set
+    // keeps every name; the list, its row count and everything cut from it follow the filter.
+    // Takes effect at the next rebuild.
+    void setFilter(const std::string& text);
+    bool filtered() const { return !mFilter.empty(); }
+    bool matches(const std::string& name) const;
+
 private:
     NameSet mSet{TextAlphabeticalSortComparator{true}};
     std::vector<std::string> mNames;
     std::uint64_t mRebuild = 0;
     std::uint64_t mOrder = 0;
+    std::string mFilter; // lower case
 };
 
 } // namespace workspace_browser_startup

@@ -251,11 +251,14 @@ void WSViewModel::handleClientReady() {
 
 void WSViewModel::handleClientGetSize() {
     WSB_TRACE_SCOPE(perfLogger(), kTraceFile);
-    const std::size_t rows = mDataModel->getSize();
+    std::size_t rows = mDataModel->getSize();
     std::size_t columns = 0;
     {
         std::lock_guard<std::mutex> lock(mStateMutex);
         columns = mColumnNames.size();
+        // A filtered grid's size is its list's, not the workspace's.
+        if (mOrder->filtered())
+            rows = mOrder->names().size();
     }
     mPubSubDS.sizeUpdated(ViewportMath::toInt32(static_cast<std::int64_t>(rows)),
                           std::max(ViewportMath::toInt32(static_cast<std::int64_t>(columns)), 0));

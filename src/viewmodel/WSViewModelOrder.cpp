@@ -38,9 +38,11 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
         bool republishColumns = false;
         std::size_t oldCount = 0;
         std::size_t count = 0;
+        std::size_t listedBefore = 0;
         {
             std::lock_guard<std::mutex> lock(mStateMutex);
             oldCount = mOrder->nameSet().size();
+            listedBefore = mOrder->names().size();
             const DisplayOrder::Effect effect = mOrder->apply(events);
             namesChanged = effect.namesChanged;
             clearSelection = effect.cleared;
@@ -75,6 +77,14 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
             if (count > 0)
                 sortVariables();
             WSB_LOG(logger(), kLogLevel) << "Variables updated. new size=" << count;
+        }
+        // A filtered grid shows fewer rows than the workspace has: its sizes are the list's.
+        {
+            std::lock_guard<std::mutex> lock(mStateMutex);
+            if (mOrder->filtered()) {
+                oldCount = listedBefore;
+                count = mOrder->names().size();
+            }
         }
 
         std::shared_ptr<DSEvent> event;
@@ -157,8 +167,11 @@ void WSViewModel::sortVariables() {
             mOrder->setNames(mOrder->byName(true));
             // The records cover every name the data model knows; the grid lists only its own
             // (a refresh may have listed fewer).
-            listed = std::make_shared<std::unordered_set<std::string>>(mOrder->nameSet().begin(),
-                                                                       mOrder->nameSet().end());
+            listed = std::make_shared<std::unordered_set<std::string>>();
+            for (const std::string& name : mOrder->nameSet()) {
+                if (mOrder->matches(name))
+                    listed->insert(name);
+            }
             fields = uStringVectorToStdStringVector(mColumnNames);
             statsFlag = mStatsFlag;
             statsLimit = mStatsLimit;
@@ -194,6 +207,29 @@ void WSViewModel::sortVariables() {
     };
     mDataModel->getVariables(mDataModel->getVariableNames(), std::move(fields), statsFlag,
                              statsLimit, std::move(onRecords), false);
+}
+
+void WSViewModel::setFilter(const std::string& text) {
+    {
+        std::lock_guard<std::mutex> lock(mStateMutex);
+        mOrder->setFilter(text);
+    }
+    pushCountedJob([this] {
+        sortVariables();
+        std::shared_ptr<DSEvent> event;
+        std::int64_t count = 0;
+        std::int64_t columns = 0;
+        {
+            std::lock_guard<std::mutex> lock(mStateMutex);
+            count = static_cast<std::int64_t>(mOrder->names().size());
+            columns = static_cast<std::int64_t>(mColumnNames.size());
+            event = ViewportMath::tableEvent(mOrder->names().size(), mColumnNames.size(), mStartRow,
+                                             mEndRow, 0, true);
+        }
+        mPubSubDS.sizeUpdated(ViewportMath::toInt32(count), ViewportMath::toInt32(columns));
+        publishData(event, false);
+        updateSelectedRowsToSelectedVariables();
+    });
 }
 
 void WSViewModel::setExactNumericOrder(bool exact) {

@@ -253,6 +253,7 @@ test('the row menu and the keyboard copy, rename and delete; the status line cou
   const row = await rowOf(page, 'menu_text');
   await cell(page, row.index, 'Class').click({ button: 'right' });
   const menu = page.getByRole('menu');
+  await menu.waitFor();
   assert.deepEqual(await menu.getByRole('menuitem').allTextContents(),
     ['Copy name', 'Copy value', 'Rename', 'Delete', 'Open']);
   await menu.getByRole('menuitem', { name: 'Copy value' }).click();

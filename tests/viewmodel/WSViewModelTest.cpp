@@ -347,6 +347,35 @@ TEST(WSViewModel, WorkspaceBatchesUpdateRowsCountAndSelection) {
     EXPECT_EQ(rig.host.calls(), (Names{"count 3", "select b,c|0, 1", "count 0", "count 2"}));
 }
 
+TEST(WSViewModel, AFilterNarrowsTheListAndItsUpdatesUntilCleared) {
+    ViewModelRig rig;
+    rig.host.fire(batch(kChanged, {"alpha", "Beta", "abc", "cab", "delta"}));
+    GridClient& client = rig.start();
+    client.range(10, 0, 9);
+    const auto isSize = GridClient::is("eventType", 1);
+
+    // Names containing "b" in any case, in name order; the size is the list's.
+    std::size_t sizes = client.count();
+    Message page = client.page([&] { rig.vm->setFilter("B"); });
+    EXPECT_EQ(GridClient::column(page), (Names{"abc", "Beta", "cab"}));
+    EXPECT_EQ(client.waitFor(isSize, sizes).number("rowCount"), 3);
+    sizes = client.count();
+    client.paging(R"({"eventType":13})");
+    EXPECT_EQ(client.waitFor(isSize, sizes).number("rowCount"), 3) << "asked, too";
+
+    // Variables that come and go while filtered: only matches enter the list.
+    page = client.page([&] { rig.host.fire(batch(kChanged, {"bb", "zzz"})); });
+    EXPECT_TRUE(page.flag("sizeChanged"));
+    EXPECT_EQ(GridClient::column(page), (Names{"abc", "bb", "Beta", "cab"}));
+    page = client.page([&] { rig.host.fire(batch(kDeleted, {"abc"})); });
+    EXPECT_EQ(GridClient::column(page), (Names{"bb", "Beta", "cab"}));
+
+    sizes = client.count();
+    page = client.page([&] { rig.vm->setFilter(""); });
+    EXPECT_EQ(GridClient::column(page), (Names{"alpha", "bb", "Beta", "cab", "delta", "zzz"}));
+    EXPECT_EQ(client.waitFor(isSize, sizes).number("rowCount"), 6);
+}
+
 TEST(WSViewModel, ColumnSortsStopAboveTenThousandVariables) {
     ViewModelRig rig;
     rig.host.recordFor = [](const std::string& name) { // v000000 largest, v010000 smallest

@@ -78,6 +78,18 @@ function onWorkspaceAnswer(message: unknown): void {
   else grid?.onWorkspace(message);
 }
 
+// The filter runs on the server, in this page's view model: a keystroke sends the text (a
+// short pause first, so that fast typing sends the last text, not every one).
+const filterBox = byId<HTMLInputElement>('filter');
+let filterTimer: number | undefined;
+function sendFilter(): void {
+  connection.publish('workspace', workspace.filter(filterBox.value.trim()));
+}
+filterBox.addEventListener('input', () => {
+  window.clearTimeout(filterTimer);
+  filterTimer = window.setTimeout(sendFilter, 30);
+});
+
 byId<HTMLButtonElement>('refresh').addEventListener('click', () => {
   if (!connection.publish('workspace', workspace.refresh())) showNotice('Not connected: nothing was refreshed.');
 });
@@ -103,6 +115,8 @@ connection = new Connection(url, {
     early.length = 0;
     // Asked first: the grid can read no column until it knows which key each position holds.
     connection.publish('columns', columnsRequest());
+    // A new page on the server starts unfiltered.
+    if (filterBox.value.trim() !== '') sendFilter();
     grid?.connected();
   },
   onState: (state, text) => {

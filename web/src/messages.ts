@@ -96,6 +96,8 @@ export const workspace = {
     name,
     id,
   }),
+  /** Lists only the variables whose names contain `text` (any case); "" lists all. */
+  filter: (text: string): { do: 'filter'; text: string } => ({ do: 'filter', text }),
   /** Deletes these variables (names that are not variables are skipped). */
   delete: (names: string[]): { do: 'delete'; names: string[] } => ({ do: 'delete', names }),
   /** Re-reads every variable, also one changed where no scan could see it. */

@@ -109,6 +109,12 @@ public:
     // text shows, with NaN and blanks last in both directions. Takes effect at the next sort.
     void setExactNumericOrder(bool exact);
 
+    // Lists only the variables whose names contain `text`, ignoring ASCII case; the row count,
+    // pages, sorting, selection rows and workspace updates all follow the filtered list. Empty
+    // (the default) lists every variable. Re-sorts and republishes the size and the visible rows
+    // on the work queue.
+    void setFilter(const std::string& text);
+
     // The visible column keys in display order.
     std::vector<std::string> getOrderedColumns();
 
