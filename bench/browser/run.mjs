@@ -1,7 +1,8 @@
 // Browser benchmark: a workspace of one million variables in headless Chromium.
 //
-// Measures how long a page takes from navigation to its first painted rows, and how long a
-// jump to a far row takes until that row is painted with its data. Prints a table with the
+// Measures how long a page takes from navigation to its first painted rows, how long a jump to
+// a far row takes until that row is painted with its data, and how long a keystroke in the
+// filter box takes until the filtered rows are painted (and clearing it, until all are back). Prints a table with the
 // goals; a missed goal is reported as MISSED but is not an error. The exit status is non-zero
 // only when something went wrong (the program did not start, a row showed the wrong data...).
 //
@@ -18,6 +19,10 @@ const LOADS = Number(process.env.BENCH_LOADS || 7);
 const JUMPS = Math.max(15, Number(process.env.BENCH_JUMPS || 20));
 const LOAD_GOAL_MS = 1000;
 const JUMP_GOAL_MS = 150;
+const FILTER_GOAL_MS = 100;
+// Each keystroke narrows the list further; then the filter is cleared.
+const FILTER_TEXTS = ['9', '99', '999', '9999', '99999', ''];
+const FILTER_ROUNDS = Number(process.env.BENCH_FILTER_ROUNDS || 3);
 const script = fileURLToPath(new URL('./million.py', import.meta.url));
 
 // Names sort like their numbers, so row r shows v{r:07d}.
@@ -133,6 +138,25 @@ async function measureJumps(browser, url) {
   }
 }
 
+async function measureFilter(browser, url) {
+  const context = await browser.newContext({ viewport: { width: 1280, height: 720 } });
+  try {
+    const page = await context.newPage();
+    await page.goto(url);
+    await waitForAllRows(page, 60000);
+    const samples = [];
+    for (let round = 0; round < FILTER_ROUNDS; ++round) {
+      for (const text of FILTER_TEXTS) {
+        const took = await page.evaluate((t) => window.wsbrowser.filterTo(t), text);
+        samples.push({ text, took });
+      }
+    }
+    return samples;
+  } finally {
+    await context.close();
+  }
+}
+
 function printTable(rows) {
   const header = ['measure', 'samples', 'median', 'p90', 'goal (median)', 'result'];
   const table = [header, ...rows];
@@ -163,6 +187,9 @@ async function main() {
     const loads = await measureLoads(browser, server.url);
     const jumps = await measureJumps(browser, server.url);
     const far = jumps.filter((j) => j.row >= 900_000);
+    const filters = await measureFilter(browser, server.url);
+    const narrowing = filters.filter((f) => f.text !== '').map((f) => f.took);
+    const clearing = filters.filter((f) => f.text === '').map((f) => f.took);
 
     const loadMedian = median(loads.map((s) => s.reported));
     const jumpMedian = median(jumps.map((s) => s.reported));
@@ -187,6 +214,11 @@ async function main() {
         ms(percentile(far.map((s) => s.reported), 0.9)), '', ''],
       ['jump to a far row (driver)', jumps.length, ms(median(jumps.map((s) => s.outside))),
         ms(percentile(jumps.map((s) => s.outside), 0.9)), '', ''],
+      ['filter keystroke to rows (page)', narrowing.length, ms(median(narrowing)),
+        ms(percentile(narrowing, 0.9)), `< ${FILTER_GOAL_MS} ms`,
+        verdict(median(narrowing), FILTER_GOAL_MS)],
+      ['filter cleared to all rows (page)', clearing.length, ms(median(clearing)),
+        ms(percentile(clearing, 0.9)), '', ''],
     ]);
     console.log();
     console.log('"page": as the page measured it (window.wsbrowser); "driver": as seen from the '

@@ -11,6 +11,11 @@ export interface TestHooks {
   jumpTo(row: number): Promise<number>;
   /** Ms from the page's start until the first rows were painted, once they were. */
   firstRowsMs(): number | null;
+  /**
+   * Types `text` into the filter box and resolves with the ms until the row count changed and
+   * the first row is painted with a name that matches it (any name, for "").
+   */
+  filterTo(text: string): Promise<number>;
 }
 
 declare global {
@@ -46,5 +51,23 @@ export function installTestHooks(grid: WorkspaceGrid): void {
       });
     },
     firstRowsMs: () => grid.firstRowsMs(),
+    filterTo: (text) => {
+      const box = document.getElementById('filter') as HTMLInputElement;
+      const before = grid.state.rowCount;
+      const started = performance.now();
+      box.value = text;
+      box.dispatchEvent(new Event('input'));
+      return new Promise((resolve, reject) => {
+        const check = () => {
+          const first = grid.element.querySelector('.ag-row[row-index="0"] [col-id="Name"] .wsb-name');
+          const name = (first?.textContent ?? '').toLowerCase();
+          if (grid.state.rowCount !== before && name !== '' && name.includes(text.toLowerCase()))
+            resolve(performance.now() - started);
+          else if (performance.now() - started > 30000) reject(new Error(`the filter ${text} did not apply`));
+          else requestAnimationFrame(check);
+        };
+        requestAnimationFrame(check);
+      });
+    },
   };
 }
