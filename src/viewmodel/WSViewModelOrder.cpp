@@ -14,6 +14,8 @@
 #include <cstddef>
 #include <exception>
 #include <stdexcept>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace workspace_browser_startup {
@@ -46,9 +48,15 @@ void WSViewModel::applyDataModelEvents(const WSListenersSubscriptionCallbackArg&
             const DisplayOrder::Effect effect = mOrder->apply(events);
             namesChanged = effect.namesChanged;
             clearSelection = effect.cleared;
-            for (const std::string& name : effect.deleted) {
-                if (std::erase(mSelectedVariables, name) > 0)
-                    selectedRemoved = true;
+            // One pass over the selection, however many names went: deleting 100,000 selected
+            // variables must not cost 100,000 passes.
+            if (!effect.deleted.empty() && !mSelectedVariables.empty()) {
+                const std::unordered_set<std::string_view> deleted(effect.deleted.begin(),
+                                                                   effect.deleted.end());
+                selectedRemoved =
+                    std::erase_if(mSelectedVariables, [&deleted](const std::string& n) {
+                        return deleted.contains(n);
+                    }) > 0;
             }
             // The display order is rebuilt from the set by sortVariables below.
             count = mOrder->nameSet().size();
