@@ -64,3 +64,17 @@ TEST(DisplayOrder, AnOvertakenRebuildCannotPutAnOlderOrderBack) {
     EXPECT_FALSE(order.finishRebuild(beforeRefresh, {"a"}));
     EXPECT_THAT(order.names(), ElementsAre("x"));
 }
+
+TEST(DisplayOrder, AFilterKeepsEveryNameInTheSetAndListsOnlyMatchesIgnoringCase) {
+    DisplayOrder order;
+    order.setFilter("Ab");
+    order.replace({"xaby", "ABC", "b", "zzAB", "a\xC3\xA9"}, true);
+    EXPECT_EQ(order.nameSet().size(), 5U);
+    EXPECT_THAT(order.names(), ElementsAre("ABC", "xaby", "zzAB"));
+    EXPECT_THAT(order.byName(false), ElementsAre("zzAB", "xaby", "ABC"));
+    order.setFilter("\xC3\xA9"); // bytes beyond ASCII compare as they are
+    EXPECT_THAT(order.byName(true), ElementsAre("a\xC3\xA9"));
+    order.setFilter("");
+    EXPECT_FALSE(order.filtered());
+    EXPECT_EQ(order.byName(true).size(), 5U);
+}
