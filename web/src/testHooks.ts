@@ -16,6 +16,8 @@ export interface TestHooks {
    * the first row is painted with a name that matches it (any name, for "").
    */
   filterTo(text: string): Promise<number>;
+  /** Selects rows first to last as the user would, also rows not loaded. */
+  selectRows(first: number, last: number): void;
 }
 
 declare global {
@@ -51,6 +53,11 @@ export function installTestHooks(grid: WorkspaceGrid): void {
       });
     },
     firstRowsMs: () => grid.firstRowsMs(),
+    selectRows: (first, last) => {
+      const rows = { *[Symbol.iterator]() { for (let r = first; r <= last; ++r) yield r; } };
+      grid.state.userSelected(rows);
+      grid.showSelection(grid.state.selectedRanges);
+    },
     filterTo: (text) => {
       const box = document.getElementById('filter') as HTMLInputElement;
       const before = grid.state.rowCount;
