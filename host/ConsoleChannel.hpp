@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ChannelReplier.hpp"
 #include "WorkspaceHost.hpp"
 
 #include <workspace_browser/platform/message_service/MessageService.hpp>
@@ -34,8 +35,7 @@ public:
     void close();
 
 private:
-    struct State;
-    std::shared_ptr<State> mState;
+    std::shared_ptr<ChannelReplier> mReplier;
     std::shared_ptr<connector::message_service::Subscription> mSubscription;
 };
 

@@ -1,54 +1,19 @@
 #include "WorkspaceChannel.hpp"
 
-#include <workspace_browser/platform/DiagnosticLogger.hpp>
-#include <workspace_browser/platform/json/Serialize.hpp>
 #include <workspace_browser/platform/json/Value.hpp>
 #include <workspace_browser/pubsub/JsonTypedValues.hpp>
 
-#include <mutex>
 #include <vector>
 
 namespace wsbrowser {
 
 namespace json = foundation::json;
 
-namespace {
-
-const foundation::log::basic_diagnostic_logger& logger() {
-    static const foundation::log::basic_diagnostic_logger instance(
-        "zentra::wsbrowser::WorkspaceChannel");
-    return instance;
-}
-
-} // namespace
-
-struct WorkspaceChannel::State {
-    std::mutex mutex; // guards open
-    bool open = true;
-    connector::message_service::MessageService::Ptr service;
-    std::string channel;
-
-    void publish(const json::Object& message) {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!open)
-            return;
-        try {
-            service->publish(channel, connector::message_service::JsonMessage(
-                                          json::serialize(json::Value(message))));
-        } catch (const std::exception& e) {
-            WSB_LOG(logger(), foundation::log::kWarning)
-                << "Cannot answer on " << channel << ": " << e.what();
-        }
-    }
-};
-
 WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::Ptr service,
                                    std::string channel, const std::shared_ptr<WorkspaceHost>& host,
                                    FilterHandler onFilter)
-    : mState(std::make_shared<State>()) {
-    mState->service = std::move(service);
-    mState->channel = std::move(channel);
-    std::weak_ptr<State> weak = mState;
+    : mReplier(std::make_shared<ChannelReplier>(std::move(service), std::move(channel))) {
+    std::weak_ptr<ChannelReplier> weak = mReplier;
     std::weak_ptr<WorkspaceHost> weakHost = host;
     auto onMessage = [weak, weakHost, onFilter = std::move(onFilter)](
                          const connector::message_service::JsonMessage& message) {
@@ -71,10 +36,10 @@ WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::P
         const std::string* action = field("do");
         if (parsed == 0 && action && *action == "filter") {
             const std::string* text = field("text");
-            // Under the lock that close() takes: once closed, the page's view model may be gone.
-            std::lock_guard<std::mutex> lock(state->mutex);
-            if (state->open && onFilter)
-                onFilter(text ? text->substr(0, kMaxFilterChars) : std::string());
+            // Once closed, the page's view model may be gone.
+            if (onFilter)
+                state->whileOpen(
+                    [&] { onFilter(text ? text->substr(0, kMaxFilterChars) : std::string()); });
             return;
         }
         if (parsed == 0 && action && *action == "refresh") {
@@ -119,7 +84,7 @@ WorkspaceChannel::WorkspaceChannel(connector::message_service::MessageService::P
             alive->publish(answer);
         });
     };
-    mSubscription = mState->service->subscribe(mState->channel, onMessage).get();
+    mSubscription = mReplier->service()->subscribe(mReplier->channel(), onMessage).get();
 }
 
 WorkspaceChannel::~WorkspaceChannel() {
@@ -127,10 +92,7 @@ WorkspaceChannel::~WorkspaceChannel() {
 }
 
 void WorkspaceChannel::close() {
-    {
-        std::lock_guard<std::mutex> lock(mState->mutex);
-        mState->open = false;
-    }
+    mReplier->close();
     mSubscription.reset();
 }
 
