@@ -52,8 +52,21 @@ void hashStrided(XXH3_state_t* state, const char* data, const npy_intp* shape,
 
 } // namespace
 
-ChangeScanner::ChangeScanner(bool showAll, PyObject* hidden, PyObject* parts, PyObject* arrayType)
-    : mShowAll(showAll), mHidden(hidden), mParts(parts), mArrayType(arrayType) {}
+ChangeScanner::ChangeScanner(bool showAll, PyRef hidden, PyRef parts, PyRef arrayType)
+    : mShowAll(showAll), mHidden(std::move(hidden)), mParts(std::move(parts)),
+      mArrayType(std::move(arrayType)) {}
+
+template <class Visit> void ChangeScanner::forEachShown(PyObject* ns, Visit visit) const {
+    if (!PyDict_Check(ns))
+        return;
+    Py_ssize_t pos = 0;
+    PyObject* key = nullptr;
+    PyObject* value = nullptr;
+    while (PyDict_Next(ns, &pos, &key, &value)) {
+        if (isShown(key, value))
+            visit(key, value);
+    }
+}
 
 std::optional<std::string_view> ChangeScanner::utf8(PyObject* name) {
     Py_ssize_t length = 0;
@@ -73,9 +86,10 @@ bool ChangeScanner::isShown(PyObject* name, PyObject* value) const {
     if (PyUnicode_GET_LENGTH(name) > 0 && PyUnicode_READ_CHAR(name, 0) == '_')
         return false;
     // By type, not isinstance(): isinstance may run a user's __class__ property.
-    if (mHidden && PyTuple_Check(mHidden)) {
-        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(mHidden); ++i) {
-            PyObject* type = PyTuple_GET_ITEM(mHidden, i);
+    PyObject* hidden = mHidden.get();
+    if (hidden && PyTuple_Check(hidden)) {
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(hidden); ++i) {
+            PyObject* type = PyTuple_GET_ITEM(hidden, i);
             if (PyType_Check(type) &&
                 PyType_IsSubtype(Py_TYPE(value), reinterpret_cast<PyTypeObject*>(type)))
                 return false;
@@ -163,7 +177,7 @@ std::uint64_t ChangeScanner::contents(PyObject* value, int depth) {
             PyErr_Clear();
         return mix(h, static_cast<std::uint64_t>(hash));
     }
-    if (mArrayType && type == reinterpret_cast<PyTypeObject*>(mArrayType))
+    if (mArrayType && type == reinterpret_cast<PyTypeObject*>(mArrayType.get()))
         return mix(h, array(value));
     if (type == &PyTuple_Type)
         return mix(h, items(&PyTuple_GET_ITEM(value, 0), PyTuple_GET_SIZE(value), depth));
@@ -202,7 +216,7 @@ std::uint64_t ChangeScanner::contents(PyObject* value, int depth) {
     if (depth >= kMaxDepth || !mParts)
         return h;
     // Anything else is described by its parts, which the helper module knows how to find.
-    PyRef parts(PyObject_CallOneArg(mParts, value));
+    PyRef parts(PyObject_CallOneArg(mParts.get(), value));
     if (!parts) {
         PyErr_Clear();
         return h;
@@ -224,12 +238,12 @@ ChangeScanner::~ChangeScanner() {
 
 void ChangeScanner::abandon() {
     mSlots.clear();
+    for (PyRef* ref : {&mHidden, &mParts, &mArrayType})
+        ref->release();
 }
 
 ChangeScanner::Changes ChangeScanner::scan(PyObject* ns) {
     Changes changes;
-    if (!PyDict_Check(ns))
-        return changes;
     std::vector<Slot>& old = mSlots;
     std::vector<Slot> next;
     next.reserve(old.size() + 16);
@@ -255,12 +269,7 @@ ChangeScanner::Changes ChangeScanner::scan(PyObject* ns) {
     };
 
     std::size_t cursor = 0;
-    Py_ssize_t pos = 0;
-    PyObject* key = nullptr;
-    PyObject* value = nullptr;
-    while (PyDict_Next(ns, &pos, &key, &value)) {
-        if (!isShown(key, value))
-            continue;
+    forEachShown(ns, [&](PyObject* key, PyObject* value) {
         // Following a value's parts may run Python code that changes the namespace: the key
         // and the value stay alive while this entry is looked at.
         Py_INCREF(key);
@@ -283,7 +292,7 @@ ChangeScanner::Changes ChangeScanner::scan(PyObject* ns) {
         }
         next.push_back(Slot{key, value, d}); // takes the reference
         Py_DECREF(value);
-    }
+    });
     for (std::size_t i = 0; i < old.size(); ++i) {
         if (!matched[i]) {
             if (const auto name = utf8(old[i].key))
@@ -323,17 +332,10 @@ ChangeScanner::Changes ChangeScanner::resync(PyObject* ns) {
 
 std::vector<std::string> ChangeScanner::names(PyObject* ns) const {
     std::vector<std::string> shown;
-    if (!PyDict_Check(ns))
-        return shown;
-    Py_ssize_t pos = 0;
-    PyObject* key = nullptr;
-    PyObject* value = nullptr;
-    while (PyDict_Next(ns, &pos, &key, &value)) {
-        if (!isShown(key, value))
-            continue;
+    forEachShown(ns, [&shown](PyObject* key, PyObject*) {
         if (const auto name = utf8(key))
             shown.emplace_back(*name);
-    }
+    });
     std::sort(shown.begin(), shown.end());
     return shown;
 }

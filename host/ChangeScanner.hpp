@@ -31,13 +31,14 @@ public:
 
     // `hidden` is a tuple of types whose instances are not variables (modules, classes,
     // functions) unless `showAll`; `parts` answers the sub-objects of other objects, or None.
-    // `arrayType` is numpy.ndarray, or null without numpy. All borrowed and kept.
-    ChangeScanner(bool showAll, PyObject* hidden, PyObject* parts, PyObject* arrayType);
-    // Releases the names it holds; needs the GIL.
+    // `arrayType` is numpy.ndarray, or empty without numpy. The scanner owns them.
+    ChangeScanner(bool showAll, PyRef hidden, PyRef parts, PyRef arrayType);
+    // Releases the names and objects it holds; needs the GIL.
     ~ChangeScanner();
     ChangeScanner(const ChangeScanner&) = delete;
     ChangeScanner& operator=(const ChangeScanner&) = delete;
-    // Forgets the names without releasing them, for when the interpreter has already ended.
+    // Forgets the names and objects without releasing them, for when the interpreter has
+    // already ended.
     void abandon();
 
     bool isShown(PyObject* name, PyObject* value) const;
@@ -51,9 +52,6 @@ public:
     // A name a fetch found gone; the next resync reports it deleted unless it is back.
     void markVanished(const std::string& name);
 
-    // The digest of one value, as a scan computes it.
-    std::uint64_t digest(PyObject* value);
-
 private:
     // One shown variable as the last scan saw it, in the namespace's order. The name is held
     // by a strong reference to the namespace's own key object, so that an unchanged namespace
@@ -65,14 +63,18 @@ private:
     };
 
     static std::optional<std::string_view> utf8(PyObject* name);
+    // Calls `visit(key, value)` for each shown entry of the namespace dict `ns`.
+    template <class Visit> void forEachShown(PyObject* ns, Visit visit) const;
+    // The digest of one value, with a fresh visit budget.
+    std::uint64_t digest(PyObject* value);
     std::uint64_t contents(PyObject* value, int depth);
     std::uint64_t items(PyObject* const* items, Py_ssize_t count, int depth);
     std::uint64_t array(PyObject* value);
 
     const bool mShowAll;
-    PyObject* const mHidden;
-    PyObject* const mParts;
-    PyObject* const mArrayType;
+    PyRef mHidden;
+    PyRef mParts;
+    PyRef mArrayType;
     std::vector<Slot> mSlots;
     std::unordered_set<std::string> mVanished;
     long mVisitsLeft = 0; // items still to be followed into for the current variable

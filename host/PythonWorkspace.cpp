@@ -96,19 +96,13 @@ void PythonWorkspace::load() {
                                                 : nullptr);
     PyErr_Clear();
     ns = PyRef(Py_NewRef(PyModule_GetDict(main)));
-    scanner =
-        std::make_unique<ChangeScanner>(options.showAll, hidden.get(), parts.get(), array.get());
-    hiddenTypes = std::move(hidden);
-    partsFn = std::move(parts);
-    arrayType = std::move(array);
+    scanner = std::make_unique<ChangeScanner>(options.showAll, std::move(hidden), std::move(parts),
+                                              std::move(array));
     module = std::move(loaded);
 }
 
 void PythonWorkspace::release() {
     scanner.reset();
-    arrayType = PyRef();
-    partsFn = PyRef();
-    hiddenTypes = PyRef();
     ns = PyRef();
     module = PyRef();
 }
@@ -118,7 +112,7 @@ void PythonWorkspace::forget() {
     if (scanner)
         scanner->abandon();
     scanner.reset();
-    for (PyRef* ref : {&arrayType, &partsFn, &hiddenTypes, &ns, &module})
+    for (PyRef* ref : {&ns, &module})
         ref->release();
 }
 

@@ -87,12 +87,9 @@ public:
     std::mutex closeMutex;              // serialises WorkspaceHost::close()
     bool closed = false;                // guarded by closeMutex
 
-    // Interpreter thread only. The scanner borrows the helper module's objects it is given.
+    // Interpreter thread only.
     PyRef module;
     PyRef ns;
-    PyRef hiddenTypes;
-    PyRef partsFn;
-    PyRef arrayType;
     std::unique_ptr<ChangeScanner> scanner;
     // Variables whose description ran out of time, with the object that did, until they change.
     std::unordered_map<std::string, const void*> slowValues;
