@@ -10,8 +10,7 @@ namespace workspace_browser_startup {
 
 namespace {
 
-// U+00D7 MULTIPLICATION SIGN in UTF-8, as sizes show it ("3×4").
-constexpr std::string_view kTimes = "\xC3\x97";
+constexpr std::string_view kTimes = DisplayedNumber::kTimes;
 
 constexpr std::int32_t kLowest = std::numeric_limits<std::int32_t>::min();
 constexpr std::int32_t kHighest = std::numeric_limits<std::int32_t>::max();

@@ -1,6 +1,7 @@
 #include "ExactNumericOrder.hpp"
 
 #include <workspace_browser/datamodel/WSColumn.hpp>
+#include <workspace_browser/viewmodel/DisplayedNumber.hpp>
 #include <workspace_browser/viewmodel/TextAlphabeticalSortComparator.hpp>
 
 #include <algorithm>
@@ -13,7 +14,7 @@ namespace workspace_browser_startup {
 
 namespace {
 
-constexpr std::string_view kTimes = "\xC3\x97"; // U+00D7, between the dimensions of a size
+constexpr std::string_view kTimes = DisplayedNumber::kTimes;
 
 std::string_view trimmed(std::string_view text) {
     const auto first = text.find_first_not_of(" \t");

@@ -12,6 +12,9 @@ namespace workspace_browser_startup {
 // their element count, statistics by their integer part. Thread-safe: static functions only.
 class WSB_EXPORT DisplayedNumber {
 public:
+    // U+00D7 MULTIPLICATION SIGN in UTF-8, between the dimensions of a size ("3×4").
+    static constexpr std::string_view kTimes = "\xC3\x97";
+
     enum class Status { ok, invalidArgument, outOfRange };
 
     struct Result {
