@@ -171,9 +171,8 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
       event.preventDefault();
       // The rows on screen name themselves; a selection reaching rows not loaded is named by
       // the server, once it has seen the latest one.
-      const selectedRows = this.state.selectedRanges.reduce((n, r) => n + r.end - r.start + 1, 0);
       const loaded = this.api.getSelectedNodes().flatMap((node) => node.data?.Name?.value ?? []);
-      if (loaded.length > 0 && loaded.length >= selectedRows) out.deleteRequested(loaded);
+      if (loaded.length > 0 && loaded.length >= this.state.selectedRowCount) out.deleteRequested(loaded);
       else
         this.state.whenSelectionSettled(() => {
           if (this.state.selectedNames.length > 0) out.deleteRequested([...this.state.selectedNames]);
@@ -243,8 +242,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
   }
 
   private updateStatus(): void {
-    const selected = this.state.selectedRanges.reduce((n, r) => n + r.end - r.start + 1, 0);
-    this.out.status(this.state.rowCount, selected);
+    this.out.status(this.state.rowCount, this.state.selectedRowCount);
   }
 
   deliver(block: Block<IGetRowsParams<Row>>, rows: Row[], lastRow: number | undefined): void {
@@ -321,11 +319,18 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
     return focused && name ? { row: focused.rowIndex, name } : null;
   }
 
-  private startRename(name: string): void {
+  /** The loaded row that shows variable `name`, if any. */
+  private nodeOf(name: string): IRowNode<Row> | undefined {
+    let found: IRowNode<Row> | undefined;
     this.api.forEachNode((node) => {
-      if (node.data?.Name?.value === name && node.rowIndex !== null)
-        this.api.startEditingCell({ rowIndex: node.rowIndex, colKey: 'Name' });
+      if (!found && node.data?.Name?.value === name) found = node;
     });
+    return found;
+  }
+
+  private startRename(name: string): void {
+    const rowIndex = this.nodeOf(name)?.rowIndex;
+    if (rowIndex != null) this.api.startEditingCell({ rowIndex, colKey: 'Name' });
   }
 
   private copy(text: string, what = 'Copied.'): void {
@@ -354,10 +359,7 @@ export class WorkspaceGrid implements PagingView<IGetRowsParams<Row>> {
         this.copy(answer.text, `Copied the value of ${name}.`);
         return;
       }
-      let shown = '';
-      this.api.forEachNode((node) => {
-        if (node.data?.Name?.value === name) shown = node.data?.Value?.value ?? '';
-      });
+      const shown = this.nodeOf(name)?.data?.Value?.value ?? '';
       this.copy(shown, `Copied the shortened text of ${name}: ${answer.reason}.`);
     });
     if (sent === null) this.out.notice('Not connected: nothing was copied.');

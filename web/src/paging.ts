@@ -132,6 +132,11 @@ export class PagingState<P> {
     return this.selection;
   }
 
+  /** How many rows the selection covers. */
+  get selectedRowCount(): number {
+    return this.selection.reduce((n, r) => n + r.end - r.start + 1, 0);
+  }
+
   column(key: string): ColumnInfo | undefined {
     return this.columns.find((c) => c.key === key);
   }
