@@ -55,18 +55,6 @@ PythonInterpreter::Budget interruptible(PythonInterpreter& interpreter) {
 
 } // namespace
 
-WSVariable PythonWorkspace::timedOut(const std::string& name, PyObject* value) {
-    WSVariable record;
-    record.name = name;
-    const std::string_view type = Py_TYPE(value)->tp_name;
-    const auto dot = type.rfind('.');
-    record.value = "<" + std::string(dot == std::string_view::npos ? type : type.substr(dot + 1)) +
-                   ": repr timed out>";
-    record.isSummary = true;
-    record.iconClass = "wsb-icon-object";
-    return record;
-}
-
 WSVariable PythonWorkspace::unavailable(const std::string& name) {
     WSVariable record;
     record.name = name;
@@ -190,13 +178,14 @@ std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>
         PyObject* value = pyName ? PyDict_GetItemWithError(ns.get(), pyName.get()) : nullptr;
         PyErr_Clear();
         if (const auto slow = slowValues.find(name);
-            slow != slowValues.end() && value && slow->second == value) {
+            slow != slowValues.end() && value && slow->second.first == value) {
             // It ran out of time before and has not changed since: scrolling past it again
             // must not cost the budget again.
-            records.push_back(timedOut(name, value));
+            records.push_back(slow->second.second);
             continue;
         }
         PyRef result;
+        bool expired = false;
         if (pyName) {
             // A repr that never returns is broken off when the budget runs out, a blocking call
             // in it too; one stuck in C code that never returns to Python cannot be.
@@ -205,8 +194,7 @@ std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>
             result = PyRef(PyObject_CallFunctionObjArgs(
                 describeFn.get(), ns.get(), pyName.get(), pyFields.get(), boolean(computeStats),
                 limit.get(), boolean(options.showAll), nullptr));
-            if (budget.expired() && value)
-                slowValues[name] = value;
+            expired = budget.expired();
         }
         WSVariable record;
         if (!result || !recordFrom(result.get(), record)) {
@@ -219,6 +207,8 @@ std::vector<WSVariable> PythonWorkspace::describe(const std::vector<std::string>
         record.name = name; // exactly as asked, even if the text did not survive a round trip
         if (record.isDirty)
             scanner->markVanished(name);
+        if (expired && value)
+            slowValues[name] = {value, record};
         records.push_back(std::move(record));
     }
     return records;

@@ -66,8 +66,6 @@ public:
     // Logs a refusal or failure and hands it to the message handler.
     void report(const std::string& message) const;
 
-    // What the grid shows for a variable whose description ran out of time before.
-    static workspace_browser_startup::WSVariable timedOut(const std::string& name, PyObject* value);
     // What the grid shows for a variable whose texts could not be made at all.
     static workspace_browser_startup::WSVariable unavailable(const std::string& name);
 
@@ -91,8 +89,10 @@ public:
     PyRef module;
     PyRef ns;
     std::unique_ptr<ChangeScanner> scanner;
-    // Variables whose description ran out of time, with the object that did, until they change.
-    std::unordered_map<std::string, const void*> slowValues;
+    // Variables whose description ran out of time, with the object that did and the record it
+    // got (its placeholder), until they change.
+    std::unordered_map<std::string, std::pair<const void*, workspace_browser_startup::WSVariable>>
+        slowValues;
 
 private:
     PyObject* function(const char* name) const;
