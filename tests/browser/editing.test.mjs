@@ -2,34 +2,11 @@
 // the grid, the host refusing a rename, and variable texts that look like markup.
 
 import assert from 'node:assert/strict';
-import { after, before, test } from 'node:test';
+import { test } from 'node:test';
 
-import {
-  cell,
-  closeAll,
-  eventually,
-  gridRows,
-  launchBrowser,
-  openGrid,
-  rowOf,
-  runCode,
-} from './support/browser.mjs';
-import { startWsbrowser } from './support/wsbrowser.mjs';
+import { cell, eventually, gridRows, rowOf, runCode, sharedGrid } from './support/browser.mjs';
 
-let server;
-let browser;
-let grid;
-
-before(async () => {
-  server = await startWsbrowser();
-  browser = await launchBrowser();
-  grid = await openGrid(browser, server.url);
-});
-
-after(async () => {
-  await closeAll(grid?.context, browser);
-  await server?.stop();
-});
+const grid = sharedGrid();
 
 async function names() {
   return (await gridRows(grid.page)).map((r) => r.name);

@@ -2,26 +2,12 @@
 // again what no scan could see, and one slow object never holds up the others.
 
 import assert from 'node:assert/strict';
-import { after, before, test } from 'node:test';
+import { test } from 'node:test';
 
-import { closeAll, eventually, gridRows, launchBrowser, openGrid, rowOf, runCode } from './support/browser.mjs';
-import { startWsbrowser } from './support/wsbrowser.mjs';
+import { eventually, gridRows, rowOf, runCode, sharedGrid } from './support/browser.mjs';
 
-let server;
-let browser;
-let grid;
-
-before(async () => {
-  server = await startWsbrowser();
-  browser = await launchBrowser();
-  // Tall enough that every row of this workspace is painted at once.
-  grid = await openGrid(browser, server.url, { viewport: { width: 1280, height: 1600 } });
-});
-
-after(async () => {
-  await closeAll(grid?.context, browser);
-  await server?.stop();
-});
+// Tall enough that every row of this workspace is painted at once.
+const grid = sharedGrid({ viewport: { width: 1280, height: 1600 } });
 
 async function cellsOf(name, columns) {
   const row = await rowOf(grid.page, name);

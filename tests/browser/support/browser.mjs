@@ -2,7 +2,11 @@
 // rows of texts, waiting for conditions, the command box, and a record of the page's
 // WebSocket frames so that tests can see what really went to the server and came back.
 
+import { after, before } from 'node:test';
+
 import { chromium } from 'playwright-core';
+
+import { startWsbrowser } from './wsbrowser.mjs';
 
 export const chromiumPath = process.env.CHROMIUM || '/usr/bin/chromium';
 
@@ -175,4 +179,25 @@ export async function closeAll(...things) {
       // Already gone: nothing left to release.
     }
   }
+}
+
+/**
+ * One wsbrowser on the example workspace and one grid page for all the tests of a file: started
+ * before them, closed after them. The returned object gets the page's fields (page, frames,
+ * problems, context) once started.
+ */
+export function sharedGrid(options) {
+  const shared = {};
+  let server;
+  let browser;
+  before(async () => {
+    server = await startWsbrowser();
+    browser = await launchBrowser();
+    Object.assign(shared, await openGrid(browser, server.url, options));
+  });
+  after(async () => {
+    await closeAll(shared.context, browser);
+    await server?.stop();
+  });
+  return shared;
 }
