@@ -115,12 +115,21 @@ function watchLoad(page, started) {
   return marks;
 }
 
-async function measureJumps(browser, url) {
+// Runs `measure(page)` on a page of its own that shows all rows, and closes it after.
+async function onLoadedPage(browser, url, measure) {
   const context = await browser.newContext({ viewport: { width: 1280, height: 720 } });
   try {
     const page = await context.newPage();
     await page.goto(url);
     await waitForAllRows(page, 60000);
+    return await measure(page);
+  } finally {
+    await context.close();
+  }
+}
+
+function measureJumps(browser, url) {
+  return onLoadedPage(browser, url, async (page) => {
     await page.waitForFunction(() => window.wsbrowser.firstRowsMs() != null, undefined,
       { timeout: 30000 });
     const samples = [];
@@ -135,17 +144,11 @@ async function measureJumps(browser, url) {
       samples.push({ row, reported, outside });
     }
     return samples;
-  } finally {
-    await context.close();
-  }
+  });
 }
 
-async function measureFilter(browser, url) {
-  const context = await browser.newContext({ viewport: { width: 1280, height: 720 } });
-  try {
-    const page = await context.newPage();
-    await page.goto(url);
-    await waitForAllRows(page, 60000);
+function measureFilter(browser, url) {
+  return onLoadedPage(browser, url, async (page) => {
     const samples = [];
     for (let round = 0; round < FILTER_ROUNDS; ++round) {
       for (const text of FILTER_TEXTS) {
@@ -154,20 +157,14 @@ async function measureFilter(browser, url) {
       }
     }
     return samples;
-  } finally {
-    await context.close();
-  }
+  });
 }
 
 // Selects rows 0 to 99,999 (as a Shift+click over them would), presses Delete, confirms, and
 // times from the confirmation until the grid shows 900,000 rows. Runs last: it changes the
 // workspace.
-async function measureDelete(browser, url) {
-  const context = await browser.newContext({ viewport: { width: 1280, height: 720 } });
-  try {
-    const page = await context.newPage();
-    await page.goto(url);
-    await waitForAllRows(page, 60000);
+function measureDelete(browser, url) {
+  return onLoadedPage(browser, url, async (page) => {
     await page.locator('#grid .ag-row[row-index="0"] .ag-cell[col-id="Class"]').click();
     await page.evaluate(() => window.wsbrowser.selectRows(0, 99_999));
     await page.locator('#status').filter({ hasText: '100,000 selected' }).waitFor({ timeout: 30000 });
@@ -179,9 +176,7 @@ async function measureDelete(browser, url) {
     await page.waitForFunction((left) => window.wsbrowser.rowCount() === left, VARIABLES - 100_000,
       { timeout: 120000, polling: 'raf' });
     return performance.now() - started;
-  } finally {
-    await context.close();
-  }
+  });
 }
 
 function printTable(rows) {
